@@ -24,7 +24,9 @@ ChunkedUpload::ChunkedUpload(KovoEngine& engine, TransferContext* context, kovo_
   }
 }
 
-ChunkedUpload::~ChunkedUpload() = default;
+ChunkedUpload::~ChunkedUpload() {
+  _checksum.stop();
+}
 
 // --- Chunking and resuming ----------------------------------------------------------------------
 
@@ -246,7 +248,7 @@ std::unique_ptr<Work> ChunkedUpload::createWork() {
     case transferring_chunks:
       if (_checksumDue) {
         _checksumDue = false;
-        return createTask("checksum", &ChunkedUpload::checksumWhileSending);
+        startChecksum();
       }
       return createPartWork(transferring_chunks);
     case last_chunk:

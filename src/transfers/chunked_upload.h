@@ -6,6 +6,7 @@
 #include <set>
 #include <string>
 
+#include "transfers/background_task.h"
 #include "transfers/chunked_transfer.h"
 #include "transfers/upload_resume_claim.h"
 
@@ -70,7 +71,7 @@ class ChunkedUpload : public ChunkedTransfer {
   void prepare();
   bool readInput();
   void computeChecksum();
-  void checksumWhileSending();
+  void startChecksum();
   kovo_error initialisationHasRun(Request& request);
   kovo_error partHasRun(Request& request);
   kovo_error singleHasRun(Request& request);
@@ -104,8 +105,10 @@ class ChunkedUpload : public ChunkedTransfer {
   std::string _initialisationAnswer;  // until it is stored
   std::atomic<bool> _initialised{false};
   std::atomic<bool> _finishNow{false};
-  // The checksum is computed while parts are on their way, since nothing needs it earlier.
+  // The checksum is computed while parts are on their way, since nothing needs it earlier. Stopped
+  // before the finalisation: a little is then left to send, and nothing to be gained from resuming.
   bool _checksumDue = false;
+  BackgroundTask _checksum;
 
   std::uint32_t _partCount = 0;  // used under _mainLock and by the finalisation
   std::atomic<bool> _isFinalizationRequestConstructed{false};

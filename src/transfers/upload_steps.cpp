@@ -1,5 +1,6 @@
 // What an upload does on a worker's thread, without a lock, before, around and after its requests.
 
+#include <exception>
 #include <utility>
 
 #include "body/linux_datasources_cross_platform.h"
@@ -103,15 +104,20 @@ void ChunkedUpload::computeChecksum() {
   _md5Sum = sources.getMD5Checksum(&interrupt);
 }
 
-void ChunkedUpload::checksumWhileSending() {
-  // Given up when it is all that the finalisation still waits for.
-  const Interrupt interrupt = [this] {
-    return isCancelled() || (getState() == finishing_chunks && getActiveWorkCount() <= 1);
-  };
-  LinuxDatasourcesCrossPlatform sources;
-  sources.openFile(_callbackHandler, getFilePath());
-  _md5Sum = sources.getMD5Checksum(&interrupt);
-  storeResponse();
+void ChunkedUpload::startChecksum() {
+  _checksum.start("kovo-checksum", [this](const std::function<bool()>& isStopped) {
+    const Interrupt interrupt = [this, &isStopped] { return isStopped() || isCancelled(); };
+    try {
+      LinuxDatasourcesCrossPlatform sources;
+      sources.openFile(_callbackHandler, getFilePath());
+      _md5Sum = sources.getMD5Checksum(&interrupt);
+      storeResponse();
+    } catch (const std::exception& exception) {
+      // Costs the upload its resumability and nothing else.
+      KOVO_LOG(KOVO_LOG_WARN, "kovo::ChunkedUpload::startChecksum", "%s for file %s",
+               exception.what(), getFilePath().c_str());
+    }
+  });
 }
 
 // --- Resume database ----------------------------------------------------------------------------
@@ -165,6 +171,7 @@ void ChunkedUpload::storeResponse() {
 }
 
 void ChunkedUpload::settle(Outcome outcome) {
+  _checksum.stop();
   SqliteResumeCache* cache = getResumeCache();
   if (_claim.isHeld() && cache != nullptr) {
     const bool resumable = _resumable && isResumabilityAllowed();
@@ -237,6 +244,7 @@ kovo_error ChunkedUpload::singleHasRun(Request& request) {
 }
 
 bool ChunkedUpload::checkBeforeFinalising() {
+  _checksum.stop();
   if (!isCancelled() && checkFileModification()) {
     return false;
   }
