@@ -1,8 +1,8 @@
-// bench_line TARGET-PORT [--delay-us MICROSECONDS] [--rate BYTES-PER-SECOND]
+// bench_line TARGET-PORT [--delay-us MICROSECONDS] [--rate BYTES-PER-SECOND] [--drop-after BYTES]
 //
 // A line to a server on this machine: every byte is on its way for the delay in each direction, and
-// each connection gets at most the rate, over its whole life. Prints its port; runs until its
-// standard input ends.
+// each connection gets at most the rate, over its whole life, and breaks after about so many bytes.
+// Prints its port, runs until its standard input ends, and prints the bytes it carried to clients.
 
 #include <cstdio>
 #include <cstdlib>
@@ -22,6 +22,8 @@ int main(int count, char** arguments) {
       options.delay = std::chrono::microseconds(value);
     } else if (std::strcmp(arguments[i], "--rate") == 0) {
       options.connectionRate = value;
+    } else if (std::strcmp(arguments[i], "--drop-after") == 0) {
+      options.dropAfter = value;
     } else {
       std::fprintf(stderr, "unknown option %s\n", arguments[i]);
       return 2;
@@ -33,5 +35,6 @@ int main(int count, char** arguments) {
   std::fflush(stdout);
   while (std::getchar() != EOF) {
   }
+  std::printf("%llu\n", static_cast<unsigned long long>(relay.bytesDown()));
   return 0;
 }

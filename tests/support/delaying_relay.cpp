@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <deque>
 #include <list>
+#include <random>
 #include <vector>
 
 namespace kovo::test {
@@ -53,6 +54,7 @@ struct Link {
   Pipe up;
   Pipe down;
   bool dead = false;
+  uint64_t breaksAt = UINT64_MAX; /* bytes down */
 };
 
 void setNonBlocking(int fd) {
@@ -67,12 +69,13 @@ void setNonBlocking(int fd) {
 class DelayingRelay::Loop {
  public:
   Loop(int listener, int stop, uint16_t targetPort, const RelayOptions& options,
-       std::atomic<size_t>& opened)
+       std::atomic<size_t>& opened, std::atomic<uint64_t>& bytesDown)
       : _listener(listener),
         _stop(stop),
         _targetPort(targetPort),
         _options(options),
         _opened(opened),
+        _bytesDown(bytesDown),
         _epoll(::epoll_create1(EPOLL_CLOEXEC)),
         _most(mostOnItsWay(options)) {
     watch(_listener, EPOLLIN, nullptr);
@@ -131,6 +134,11 @@ class DelayingRelay::Loop {
     link.up.to = link.down.from = link.server.get();
     link.up.back = &link.down;
     link.down.back = &link.up;
+    if (_options.dropAfter != 0) {
+      std::uniform_int_distribution<uint64_t> around(_options.dropAfter / 2,
+                                                     _options.dropAfter + _options.dropAfter / 2);
+      link.breaksAt = around(_random);
+    }
     if (_options.delaysHandshake) link.up.notBefore = Clock::now() + 2 * _options.delay;
     watch(link.client.get(), EPOLLIN | EPOLLOUT | EPOLLET, &link.up);
     watch(link.server.get(), EPOLLIN | EPOLLOUT | EPOLLET, &link.down);
@@ -205,6 +213,14 @@ class DelayingRelay::Loop {
         break;
       }
       any = true;
+      if (&pipe == &link.down) {
+        _bytesDown += static_cast<uint64_t>(count);
+        if (link.breaksAt < static_cast<uint64_t>(count)) {
+          link.dead = true;
+          break;
+        }
+        link.breaksAt -= static_cast<uint64_t>(count);
+      }
       block.sent += static_cast<size_t>(count);
       pipe.bytes -= static_cast<size_t>(count);
       if (_options.connectionRate != 0) {
@@ -232,6 +248,8 @@ class DelayingRelay::Loop {
   const uint16_t _targetPort;
   const RelayOptions _options;
   std::atomic<size_t>& _opened;
+  std::atomic<uint64_t>& _bytesDown;
+  std::mt19937_64 _random{1};
   UniqueFd _epoll;
   const size_t _most;
   std::list<Link> _links;
@@ -243,7 +261,7 @@ DelayingRelay::DelayingRelay(uint16_t targetPort, const RelayOptions& options, u
       _port(localPort(_listener)),
       _stop(::eventfd(0, EFD_CLOEXEC)),
       _loop(std::make_unique<Loop>(_listener.get(), _stop.get(), targetPort, options,
-                                   _connectionsOpened)),
+                                   _connectionsOpened, _bytesDown)),
       _thread([this] { _loop->run(); }) {}
 
 DelayingRelay::~DelayingRelay() {

@@ -16,6 +16,9 @@ struct RelayOptions {
   std::chrono::microseconds delay{0};
   /* Bytes per second each connection gets in each direction; 0: unlimited. */
   uint64_t connectionRate = 0;
+  /* Connections break when they have carried about this many bytes down (half to one and a half
+   * times as many); 0: never. */
+  uint64_t dropAfter = 0;
   /* A client's first bytes also wait for the round trip a TCP handshake would have taken. */
   bool delaysHandshake = true;
 };
@@ -36,6 +39,8 @@ class DelayingRelay {
   uint16_t port() const { return _port; }
   std::string url(const std::string& path) const;
   size_t connectionsOpened() const { return _connectionsOpened; }
+  /** Bytes passed on to clients. */
+  uint64_t bytesDown() const { return _bytesDown; }
 
  private:
   class Loop;
@@ -44,6 +49,7 @@ class DelayingRelay {
   const uint16_t _port;
   UniqueFd _stop; /* an eventfd */
   std::atomic<size_t> _connectionsOpened{0};
+  std::atomic<uint64_t> _bytesDown{0};
   std::unique_ptr<Loop> _loop;
   std::thread _thread;
 };
