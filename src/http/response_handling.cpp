@@ -1,6 +1,5 @@
 #include <algorithm>
-#include <boost/algorithm/string/predicate.hpp>
-#include <locale>
+#include <string_view>
 #include <utility>
 
 #include "body/gzip_input_filter.h"
@@ -30,8 +29,12 @@ bool isHttpError(std::uint32_t status) {
   return status >= 400 && status <= 599;
 }
 
-bool containsIgnoreCase(const std::string& text, const char* word) {
-  return boost::algorithm::icontains(text, word, std::locale::classic());
+// word is in lower case. The host's locale has no say in it.
+bool containsIgnoreCase(const std::string& text, std::string_view word) {
+  const auto isSame = [](char a, char b) {
+    return (a >= 'A' && a <= 'Z' ? a + ('a' - 'A') : a) == b;
+  };
+  return std::search(text.begin(), text.end(), word.begin(), word.end(), isSame) != text.end();
 }
 
 // Headers that describe the encoded body, and so nothing that leaves the decoder.
