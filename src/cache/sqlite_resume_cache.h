@@ -40,10 +40,9 @@ class SqliteResumeCache : boost::noncopyable {
 
   bool isOpened() const;
 
-  // --- Uploads: the stored initialisation answer and the parts already sent
-  // ----------------------- With a target, an insertion takes place only while that is the path's
-  // recorded target: an upload whose path another one has taken over does not mix its rows with the
-  // other's.
+  // --- Uploads: the stored initialisation answer and the parts already sent ---------------------
+  // With a target, an insertion takes place only while that is the path's recorded target: an
+  // upload whose path another one has taken over does not mix its rows with the other's.
   void insertResponse(const std::string& filePath, const std::string& response,
                       const std::string& md5Sum, const std::string& target = {});
   void getResponse(const std::string& filePath, std::string& response);

@@ -25,15 +25,19 @@ std::int32_t partNumberOf(const std::string& text) {
   return static_cast<std::int32_t>(number);
 }
 
-// One damaged row must not cost the transfer the others.
-bool readPartNumber(const SqliteStatement& statement, const char* operation,
-                    std::int32_t& partNumber) {
-  try {
-    partNumber = partNumberOf(statement.text(0));
-    return true;
-  } catch (const std::logic_error& error) {
-    KOVO_LOG(KOVO_LOG_ERROR, operation, "Part number not readable, row left out: %s", error.what());
-    return false;
+// Calls take(part number, row) for every row; the number is its first column.
+template <typename Take>
+void readParts(SqliteStatement statement, const std::string& filePath, const char* operation,
+               const Take& take) {
+  statement.bind(1, filePath);
+  while (statement.step() == SQLITE_ROW) {
+    try {
+      take(partNumberOf(statement.text(0)), statement);
+    } catch (const std::logic_error& error) {
+      // One damaged row must not cost the transfer the others.
+      KOVO_LOG(KOVO_LOG_ERROR, operation, "Part number not readable, row left out: %s",
+               error.what());
+    }
   }
 }
 
@@ -192,15 +196,10 @@ void SqliteResumeCache::getUploadedChunksEtags(
   if (!hasConstraintsPassed(filePath, kOperation)) {
     return;
   }
-  SqliteStatement statement =
-      _db->prepare("SELECT chunkNumber, eTag from UploadChunkStatus where filePath = ?");
-  statement.bind(1, filePath);
-  while (statement.step() == SQLITE_ROW) {
-    std::int32_t partNumber = 0;
-    if (readPartNumber(statement, kOperation, partNumber)) {
-      etags.emplace_back(partNumber, statement.text(1));
-    }
-  }
+  readParts(_db->prepare("SELECT chunkNumber, eTag from UploadChunkStatus where filePath = ?"),
+            filePath, kOperation, [&etags](std::int32_t partNumber, const SqliteStatement& row) {
+              etags.emplace_back(partNumber, row.text(1));
+            });
 }
 
 void SqliteResumeCache::getChunksUploaded(const std::string& filePath,
@@ -210,15 +209,10 @@ void SqliteResumeCache::getChunksUploaded(const std::string& filePath,
   if (!hasConstraintsPassed(filePath, kOperation)) {
     return;
   }
-  SqliteStatement statement =
-      _db->prepare("SELECT chunkNumber from UploadChunkStatus where filePath = ?");
-  statement.bind(1, filePath);
-  while (statement.step() == SQLITE_ROW) {
-    std::int32_t partNumber = 0;
-    if (readPartNumber(statement, kOperation, partNumber)) {
-      partNumbers.insert(partNumber);
-    }
-  }
+  readParts(_db->prepare("SELECT chunkNumber from UploadChunkStatus where filePath = ?"), filePath,
+            kOperation, [&partNumbers](std::int32_t partNumber, const SqliteStatement&) {
+              partNumbers.insert(partNumber);
+            });
 }
 
 void SqliteResumeCache::deleteFromCacheUpload(const std::string& filePath) {

@@ -1,28 +1,13 @@
 #pragma once
 
-#include <memory>
-#include <string>
-#include <utility>
-
-#include "body/mime_sources.h"
+#include "upload/octet_stream_source.h"
 
 namespace kovo {
 
-// The body of an S3 request: a part as it is (the text is empty), or the completion document (the
-// source is then a NullSource).
-class AmazonS3Source : public MimeSources {
+// The body of an S3 request.
+class AmazonS3Source : public OctetStreamSource {
  public:
-  AmazonS3Source(std::unique_ptr<DataSource> source, std::string filePath, std::string text = {})
-      : MimeSources(std::move(source), std::move(filePath)), _text(std::move(text)) {}
-
-  std::string getContentType() const override { return "application/octet-stream"; }
-
- protected:
-  std::string createMimePrefix() const override { return _text; }
-  std::string createMimeSuffix() const override { return {}; }
-
- private:
-  const std::string _text;
+  using OctetStreamSource::OctetStreamSource;
 };
 
 }  // namespace kovo

@@ -1,28 +1,13 @@
 #pragma once
 
-#include <memory>
-#include <string>
-#include <utility>
-
-#include "body/mime_sources.h"
+#include "upload/octet_stream_source.h"
 
 namespace kovo {
 
-// The body of a sync service request: a part as it is (the text is empty), or the finalisation
-// document (the source is then a NullSource).
-class SyncServiceSource : public MimeSources {
+// The body of a sync service request.
+class SyncServiceSource : public OctetStreamSource {
  public:
-  SyncServiceSource(std::unique_ptr<DataSource> source, std::string filePath, std::string text = {})
-      : MimeSources(std::move(source), std::move(filePath)), _text(std::move(text)) {}
-
-  std::string getContentType() const override { return "application/octet-stream"; }
-
- protected:
-  std::string createMimePrefix() const override { return _text; }
-  std::string createMimeSuffix() const override { return {}; }
-
- private:
-  const std::string _text;
+  using OctetStreamSource::OctetStreamSource;
 };
 
 }  // namespace kovo

@@ -77,6 +77,18 @@ int openFile(const std::string& path, int flags) {
   return descriptor;
 }
 
+// openFile for a stream: errno tells the reason, and so does kind.
+int openStream(const std::string& path, int flags, FileErrorKind& kind) {
+  const int descriptor = openFile(path, flags);
+  kind = FileErrorKind::None;
+  if (descriptor < 0) {
+    const int errorNumber = errno;
+    kind = fileErrorKind(errorNumber, path);
+    errno = errorNumber;
+  }
+  return descriptor;
+}
+
 // How many of length bytes at position the process's file size limit leaves room for. Writing past
 // the limit would raise SIGXFSZ, whose default ends the host.
 std::uint64_t withinSizeLimit(std::uint64_t position, std::uint64_t length) {
@@ -139,15 +151,8 @@ bool PlatformFileIStream::open(const std::string& path, std::uint32_t shareMode)
   }
   _path = path;
   _position = 0;
-  _descriptor = openFile(path, O_RDONLY);
-  if (_descriptor < 0) {
-    const int errorNumber = errno;
-    lastErrorKind = fileErrorKind(errorNumber, path);
-    errno = errorNumber;
-    return false;
-  }
-  lastErrorKind = FileErrorKind::None;
-  return true;
+  _descriptor = openStream(path, O_RDONLY, lastErrorKind);
+  return _descriptor >= 0;
 }
 
 std::uint64_t PlatformFileIStream::Length() const {
@@ -224,15 +229,8 @@ bool PlatformFileOStream::open(const std::string& path, std::uint32_t createMode
   close();
   _path = path;
   _position = 0;
-  _descriptor = openFile(path, flags);
-  if (_descriptor < 0) {
-    const int errorNumber = errno;
-    lastErrorKind = fileErrorKind(errorNumber, path);
-    errno = errorNumber;
-    return false;
-  }
-  lastErrorKind = FileErrorKind::None;
-  return true;
+  _descriptor = openStream(path, flags, lastErrorKind);
+  return _descriptor >= 0;
 }
 
 bool PlatformFileOStream::WriteBlock(const std::uint8_t* data, std::uint64_t length) {
