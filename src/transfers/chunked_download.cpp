@@ -17,16 +17,8 @@
 namespace kovo {
 namespace {
 
-// Only paths with this suffix take part in resume: it names a partial download.
-constexpr char kPartialSuffix[] = "._kstmp";
-
 // An error with this code leaves the partial file where it is.
 constexpr kovo_error kKeepsPartialFile = 100050;
-
-bool endsWith(const std::string& text, const std::string& suffix) {
-  return text.size() >= suffix.size() &&
-         text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
 
 }  // namespace
 
@@ -96,20 +88,6 @@ bool ChunkedDownload::isChunkingAllowed() const {
   return isChunkingEnabled(true);
 }
 
-bool ChunkedDownload::isResumabilityAllowed() const {
-  const bool wanted = _engine.getSettings().tryResumableTransfer;
-  const bool chunkingEnabled = isChunkingEnabled(true);
-  KOVO_LOG(KOVO_LOG_INFO, "kovo::ChunkedDownload::isResumabilityAllowed",
-           "tryResumableTransfer : %d", wanted ? 1 : 0);
-  KOVO_LOG(KOVO_LOG_INFO, "kovo::ChunkedDownload::isResumabilityAllowed", "chunkingEnabled : %d",
-           chunkingEnabled ? 1 : 0);
-  return wanted && chunkingEnabled && _engine.getResumeCache() != nullptr;
-}
-
-bool ChunkedDownload::takesPartInResume() const {
-  return endsWith(getFilePath(), kPartialSuffix);
-}
-
 kovo_chunk_type ChunkedDownload::getChunkType() const {
   return isChunkingAllowed() ? KOVO_CHUNK_TYPE_CHUNK : KOVO_CHUNK_TYPE_SINGLE;
 }
@@ -156,22 +134,13 @@ std::unique_ptr<Work> ChunkedDownload::createWork() {
   }
 }
 
-void ChunkedDownload::forgetRecordedChunks() {
-  SqliteResumeCache* cache = getResumeCache();
-  if (cache != nullptr && (_isFilePartiallyDownloaded || _geometryRecorded)) {
-    cache->deleteFromCacheDownload(getFilePath());
-  }
-  _chunksDownloadedFirstByte.clear();
-  _recordedChunkSize = 0;
-  _geometryRecorded = false;
-}
-
 bool ChunkedDownload::recreateOutputFile() {
   if (!writesToFile()) {
     return true;
   }
   // Rows first: they must never claim bytes that are gone.
   forgetRecordedChunks();
+  _writtenEnd = 0;
   std::string reason;
   const kovo_error code = KOVOUtils::createOutputFile(getFilePath(), reason);
   if (code != KOVO_ERROR_NONE) {
@@ -248,12 +217,14 @@ std::unique_ptr<Request> ChunkedDownload::createGet(const KovoNumberedRange& ran
 std::unique_ptr<Work> ChunkedDownload::createWorkForNextChunk() {
   std::unique_ptr<Work> work;
   KovoNumberedRange range;
+  std::uint64_t present = 0;
   while (work == nullptr && popNextRange(range)) {
     work = createRangedGet(range);
     if (work == nullptr) {
-      _callbackHandler->invokeProgressCallback(static_cast<std::uint64_t>(range.length));
+      present += static_cast<std::uint64_t>(range.length);
     }
   }
+  reportPresent(present);
   if (!hasRangesRemaining()) {
     setState(finishing_chunks);
   }
@@ -460,7 +431,9 @@ ChunkedTransfer::State ChunkedDownload::headFinished(bool resumabilityAllowed) {
     KOVO_LOG(KOVO_LOG_INFO, function,
              "First chunk already successfully downloaded for filepath: %s", path.c_str());
     setNextOffset(getRange().start + static_cast<std::int64_t>(getChunkSize()));
-    _callbackHandler->invokeProgressCallback(getChunkSize());
+    _writtenEnd = std::min<std::uint64_t>(
+        *_chunksDownloadedFirstByte.rbegin() + effectiveChunkSize(), _totalSize);
+    reportPresent(getChunkSize());
     createRanges(true);
     return hasRangesRemaining() ? transferring_chunks : finish();
   }
@@ -471,94 +444,6 @@ ChunkedTransfer::State ChunkedDownload::headFinished(bool resumabilityAllowed) {
   _resuming = false;
   createRanges(false);
   return transferring_chunks;
-}
-
-// --- Resume -------------------------------------------------------------------------------------
-
-std::string ChunkedDownload::getResourceName() const {
-  // Without the query: signed links change it from one day to the next, and the entity tag and the
-  // size still have to agree.
-  const std::string url = getUrl();
-  return url.substr(0, url.find_first_of("?#"));
-}
-
-void ChunkedDownload::readGeometry() {
-  std::uint64_t rangeStart = 0;
-  std::uint64_t chunkSize = 0;
-  std::uint64_t total = 0;
-  if (getResumeCache()->findDownloadGeometry(getFilePath(), getResourceName(), rangeStart,
-                                             chunkSize, total) &&
-      chunkSize != 0) {
-    // The rest is cut as the recorded part was, whatever the setting says today.
-    _recordedChunkSize = chunkSize;
-    _geometryRecorded = true;
-  }
-}
-
-void ChunkedDownload::loadRecordedChunks(const std::string& entityTag) {
-  const std::string path = getFilePath();
-  std::set<std::uint64_t> recorded;
-  const bool weak =
-      entityTag.size() >= 2 && (entityTag[0] == 'W' || entityTag[0] == 'w') && entityTag[1] == '/';
-  // A weak tag does not promise equal bytes.
-  if (!weak && !getResumeCache()->getFirstBytesDownlaodedChunks(path, entityTag, recorded)) {
-    return;
-  }
-  _firstBytesLoaded = true;
-  KOVO_LOG(KOVO_LOG_WARN, "kovo::ChunkedDownload::processResponseHeader",
-           "%ld chunks that are already downloaded for filepath %s, etag %s",
-           static_cast<long>(recorded.size()), path.c_str(), entityTag.c_str());
-  if (recorded.empty()) {
-    KOVO_LOG(KOVO_LOG_INFO, "kovo::ChunkedDownload::processResponseHeader",
-             "File modified for filepath: %s", path.c_str());
-    recreateOutputFile();
-    _resuming = false;
-  }
-  _chunksDownloadedFirstByte = std::move(recorded);
-}
-
-bool ChunkedDownload::recordedChunksAreUsable() {
-  std::uint64_t rangeStart = 0;
-  std::uint64_t chunkSize = 0;
-  std::uint64_t total = 0;
-  // Without a note of how they were cut, or with that of another resource, rows prove nothing.
-  if (!getResumeCache()->findDownloadGeometry(getFilePath(), getResourceName(), rangeStart,
-                                              chunkSize, total) ||
-      rangeStart != 0 || total != _totalSize) {
-    return false;
-  }
-  const std::uint64_t size = effectiveChunkSize();
-  std::uint64_t fileSize = 0;
-  std::int64_t modified = 0;
-  std::shared_ptr<KovoError> error;
-  if (!getFileStat(getFilePath(), fileSize, modified, error)) {
-    return false;
-  }
-  return std::all_of(_chunksDownloadedFirstByte.begin(), _chunksDownloadedFirstByte.end(),
-                     [&](std::uint64_t firstByte) {
-                       return firstByte % size == 0 && firstByte < _totalSize &&
-                              std::min<std::uint64_t>(firstByte + size, _totalSize) <= fileSize;
-                     });
-}
-
-void ChunkedDownload::recordChunk(std::uint64_t rangeStart, std::uint64_t rangeEnd) {
-  if (!takesPartInResume() || !_totalKnown || !isResumabilityAllowed()) {
-    return;
-  }
-  const std::string entityTag = getEntityTag();
-  if (entityTag.empty()) {
-    return;
-  }
-  const std::uint64_t size = effectiveChunkSize();
-  const std::uint64_t chunkStart = rangeStart / size * size;
-  if (rangeEnd < std::min<std::uint64_t>(chunkStart + size, _totalSize)) {
-    return;  // the rest of this chunk is still to come
-  }
-  SqliteResumeCache& cache = *getResumeCache();
-  if (!_geometryRecorded.exchange(true)) {
-    cache.setDownloadGeometry(getFilePath(), getResourceName(), 0, size, _totalSize);
-  }
-  cache.storeDownloadedChunkDetails(getFilePath(), entityTag, chunkStart);
 }
 
 // --- Bytes --------------------------------------------------------------------------------------
@@ -574,6 +459,39 @@ void ChunkedDownload::writeBlock(std::uint64_t offset, ByteBlock& block, std::si
     _buffer.keep(offset, std::move(block), size);
     block = ByteBlock();
   }
+}
+
+void ChunkedDownload::writeData(std::uint64_t offset, const std::uint8_t* data, std::size_t size,
+                                const std::shared_ptr<PlatformFileOStream>& stream) {
+  if (isOutputCutShort()) {
+    return;
+  }
+  ChunkedTransfer::writeData(offset, data, size, stream);
+  if (!hasError() && offset + size > _writtenEnd) {
+    _writtenEnd = offset + size;
+  }
+}
+
+bool ChunkedDownload::isOutputCutShort() {
+  // Were the file cut and then written behind the cut, its size would be right again in the end
+  // and the bytes lost would be zeros.
+  if (hasError() || _writtenEnd == 0) {
+    return false;
+  }
+  std::uint64_t size = 0;
+  std::int64_t modified = 0;
+  std::shared_ptr<KovoError> error;
+  if (!getFileStat(getFilePath(), size, modified, error)) {
+    setError(makeKovoError(KOVO_ERROR_FILE_NOT_FOUND, "The output file is gone: " + getFilePath()));
+    return true;
+  }
+  if (size < _writtenEnd) {
+    setError(makeKovoError(KOVO_ERROR_NOT_ENOUGH_DATA, "The output file was cut short to " +
+                                                           std::to_string(size) +
+                                                           " bytes by others: " + getFilePath()));
+    return true;
+  }
+  return false;
 }
 
 void ChunkedDownload::rangeCompleted(const KovoRange& range,
@@ -719,11 +637,6 @@ void ChunkedDownload::verifyComplete() {
   }
 }
 
-bool ChunkedDownload::keepsPartialFile(Outcome outcome) const {
-  return (outcome == Outcome::Cancelled || wasAbandoned()) && takesPartInResume() &&
-         isResumabilityAllowed();
-}
-
 void ChunkedDownload::settle(Outcome outcome) {
   if (!writesToFile() || keepsPartialFile(outcome)) {
     return;
@@ -735,31 +648,6 @@ void ChunkedDownload::settle(Outcome outcome) {
   // file its name, say, it then finds everything recorded.
   if (outcome != Outcome::Completed) {
     deleteRows();
-  }
-}
-
-void ChunkedDownload::deleteRows() {
-  SqliteResumeCache* cache = getResumeCache();
-  if (cache == nullptr) {
-    return;
-  }
-  const std::string path = getFilePath();
-  const char* function = "kovo::ChunkedDownload::~ChunkedDownload";
-  KOVO_LOG(KOVO_LOG_WARN, function, "Delete the sqliteResumeTransfer cache for file : %s",
-           path.c_str());
-  KOVO_LOG(KOVO_LOG_WARN, function, "wasCancelled : %d", isCancelled() ? 1 : 0);
-  KOVO_LOG(KOVO_LOG_WARN, function, "wasCancelledDueToError : %d", isCancelledDueToError() ? 1 : 0);
-  KOVO_LOG(KOVO_LOG_WARN, function, "isResumabilityAllowed : %d", isResumabilityAllowed() ? 1 : 0);
-  if (takesPartInResume()) {  // no other path ever has rows
-    cache->deleteFromCacheDownload(path);
-  }
-}
-
-void ChunkedDownload::syncPartialFile() {
-  PlatformFileOStream stream;
-  if (_geometryRecorded && stream.open(getFilePath(), PlatformFileOStream::OpenExisting) &&
-      stream.Flush()) {
-    getResumeCache()->markDownloadSynced(getFilePath());
   }
 }
 

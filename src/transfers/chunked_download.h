@@ -34,6 +34,8 @@ class ChunkedDownload : public ChunkedTransfer {
   bool shouldRetryChunk(std::int32_t chunkNumber, std::shared_ptr<KovoError> error,
                         std::shared_ptr<KovoHTTPError> httpError) override;
   kovo_chunk_type getChunkType() const override;
+  void writeData(std::uint64_t offset, const std::uint8_t* data, std::size_t size,
+                 const std::shared_ptr<PlatformFileOStream>& stream) override;
   void writeBlock(std::uint64_t offset, ByteBlock& block, std::size_t size,
                   const std::shared_ptr<PlatformFileOStream>& stream) override;
   void rangeCompleted(const KovoRange& range,
@@ -95,6 +97,8 @@ class ChunkedDownload : public ChunkedTransfer {
   bool accountForOpenEnd(const Request& request, const KovoNumberedRange& range);
   void failMissing(const Request& request);
   bool isWholeResourceUnderWay() const;
+  // Whether bytes that were written are gone from the file; records the error.
+  bool isOutputCutShort();
   void recordChunk(std::uint64_t rangeStart, std::uint64_t rangeEnd);
 
   ChunkBuffer _buffer;
@@ -111,6 +115,8 @@ class ChunkedDownload : public ChunkedTransfer {
   // Size of the whole resource, once known; 0 before that.
   std::atomic<std::uint64_t> _totalSize{0};
   std::atomic<bool> _totalKnown{false};
+  // End of the highest byte in the output file; one thread at a time writes.
+  std::atomic<std::uint64_t> _writtenEnd{0};
 
   bool _wholeResourceDelivered = false;  // under _mainLock
   // The server has stopped honouring ranges while the first chunk runs: nothing more goes out until

@@ -101,6 +101,12 @@ bool ChunkedTransfer::isFailed(const Work& work) const {
   return work.getErrorCode() != 0 || status < 200 || status > 299;
 }
 
+void ChunkedTransfer::reportPresent(std::uint64_t bytes) {
+  if (bytes != 0) {
+    addNotification([this, bytes] { _callbackHandler->invokeProgressCallback(bytes); });
+  }
+}
+
 bool ChunkedTransfer::onFinish(Work* work) {
   KOVO_ASSERT(work, "work");
   ScopedLock guard(_mainLock);

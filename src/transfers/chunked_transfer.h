@@ -93,6 +93,8 @@ class ChunkedTransfer : public Transfer {
   void setNextOffset(std::int64_t offset) { _nextOffset = offset; }
   void clearRanges();
   bool isFailed(const Work& work) const;
+  // Counts bytes that an earlier run has brought over as progress.
+  void reportPresent(std::uint64_t bytes);
 
   kovo_server_type _serverType = KOVO_SERVER_TYPE_DEFAULT;
 

@@ -277,13 +277,18 @@ std::unique_ptr<Work> ChunkedUpload::createInitialWork() {
 std::unique_ptr<Work> ChunkedUpload::createPartWork(State stateAfter) {
   MimeSourceFactory& factory = *getMimeSourceFactory();
   KovoNumberedRange range;
-  do {
-    if (!popNextRange(range)) {
-      // Every part left is stored already: what runs, or a unit that does nothing, ends this phase.
-      setState(stateAfter == transferring_chunks ? finishing_chunks : stateAfter);
-      return nullptr;
-    }
-  } while (_resumingUpload && _uploadedChunks.count(range.number + 1) != 0);
+  std::uint64_t present = 0;
+  bool isLeft = popNextRange(range);
+  for (; isLeft && _resumingUpload && _uploadedChunks.count(range.number + 1) != 0;
+       isLeft = popNextRange(range)) {
+    present += static_cast<std::uint64_t>(range.length);
+  }
+  reportPresent(present);
+  if (!isLeft) {
+    // Every part left is stored already: what runs, or a unit that does nothing, ends this phase.
+    setState(stateAfter == transferring_chunks ? finishing_chunks : stateAfter);
+    return nullptr;
+  }
   const std::string url = factory.getChunkUrl(getUrl(), static_cast<std::uint32_t>(range.number),
                                               !hasRangesRemaining());
   auto work = wrap(

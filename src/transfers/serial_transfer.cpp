@@ -8,6 +8,7 @@
 #include "http/request.h"
 #include "log/kovo_log.h"
 #include "transfers/decimal.h"
+#include "transfers/stepped_request.h"
 
 namespace kovo {
 
@@ -23,10 +24,24 @@ SerialTransfer::SerialTransfer(KovoEngine& engine, TransferContext* context, kov
 std::unique_ptr<Work> SerialTransfer::makeRequest() {
   std::unique_ptr<Request> request = createRequest(*this, _verb, getUrl(), OP_SEND_REQUEST,
                                                    getFilePath(), false, _callbackHandler);
-  if (KovoHttpUtils::mayCarryBody(_verb)) {
-    setExpectedLength(request->getBodyLength());
+  if (!KovoHttpUtils::mayCarryBody(_verb)) {
+    return request;
   }
-  return request;
+  // The client is asked for the length by the worker that sends it, not under the locks held here.
+  Request& inner = *request;
+  return std::make_unique<SteppedRequest>(
+      std::move(request),
+      [this, &inner] {
+        try {
+          setExpectedLength(inner.getBodyLength());
+          return true;
+        } catch (const std::exception& exception) {
+          setError(makeKovoError(KOVO_ERROR_OPERATION_ERROR,
+                                 std::string("Unexpected exception caught: ") + exception.what()));
+          return false;
+        }
+      },
+      nullptr);
 }
 
 Work* SerialTransfer::getNextWork() {

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "integration/small_chunks.h"
+#include "support/gate.h"
 #include "support/serve_resource.h"
 #include "support/wait_until.h"
 
@@ -362,6 +363,36 @@ TEST(InsideCallbacks, EveryFunctionMayBeCalled) {
       EXPECT_LT(engine.destroy(), milliseconds(5000));
     }
   }
+}
+
+Gate* lengthAsked = nullptr;
+const Gate* lengthMayBeTold = nullptr;
+
+/* A callback holds up its own request and nothing else. */
+TEST(InsideCallbacks, TheBodysLengthMayWaitForAnotherTransfer) {
+  Gate asked;
+  Gate mayBeTold;
+  lengthAsked = &asked;
+  lengthMayBeTold = &mayBeTold;
+  FaultOrigin origin(serveResource(kResource));
+  TestEngine engine;
+  kovoRegisterRequestBodyCallback(
+      engine.instance(),
+      [](kovo_instance, uint64_t, uint8_t*, uint64_t* bytesRead, uint64_t, void*) {
+        *bytesRead = 0;
+      },
+      [](kovo_instance, uint64_t* length, void*) {
+        *length = 0;
+        lengthAsked->open();
+        lengthMayBeTold->waitFor(milliseconds(20000));
+      });
+  TransferRecord& waiting = engine.sendRequest(KOVO_HTTP_POST, origin.url("/waiting"));
+  ASSERT_TRUE(asked.waitFor(milliseconds(10000)));
+  TransferRecord& other = engine.downloadToMemory(origin.url("/other"));
+  EXPECT_TRUE(engine.wait(other, milliseconds(10000)));
+  EXPECT_FALSE(waiting.events().completions != 0);
+  mayBeTold.open();
+  EXPECT_TRUE(engine.wait(waiting));
 }
 
 TEST(InsideCallbacks, PausedMayResumeAndRetryMayCancel) {

@@ -10,6 +10,7 @@
 
 #include "integration/small_chunks.h"
 #include "support/child_process.h"
+#include "support/gate.h"
 #include "support/serve_resource.h"
 #include "support/wait_until.h"
 
@@ -164,6 +165,27 @@ TEST_F(Resume, FetchesOnlyWhatIsMissing) {
     EXPECT_EQ(rest.bytes, kResource.size() - 5 * kChunk);
     std::filesystem::remove(_path);
   }
+}
+
+TEST_F(Resume, ProgressOfWhatIsPresentHoldsUpNoOtherTransfer) {
+  interrupt();
+  TestEngineOptions with = options();
+  with.config.progressInterval = 1;
+  TestEngine engine(with);
+  Gate reported;
+  Gate mayGoOn;
+  TransferHooks hooks;
+  hooks.onProgress = [&] {
+    reported.open();
+    mayGoOn.waitFor(std::chrono::milliseconds(20000));
+  };
+  TransferRecord& resumed = engine.download(_origin.url("/f"), _path, hooks);
+  ASSERT_TRUE(reported.waitFor(std::chrono::milliseconds(10000)));
+  TransferRecord& other = engine.downloadToMemory(_origin.url("/other"));
+  EXPECT_TRUE(engine.wait(other, std::chrono::milliseconds(10000)));
+  mayGoOn.open();
+  ASSERT_TRUE(engine.wait(resumed));
+  EXPECT_EQ(resumed.events().progress.back().first, kResource.size());
 }
 
 TEST_F(Resume, AnotherChunkSizeSkipsNoByte) {

@@ -359,6 +359,7 @@ class InterruptedUpload : public Upload {
                           TransferHooks hooks) {
     TestEngineOptions options;
     options.dataHome = dataHome;
+    options.config.progressInterval = 1;
     TestEngine engine(options);
     return run(engine, target, std::move(hooks));
   }
@@ -425,9 +426,12 @@ TEST_F(InterruptedUpload, SyncServiceSkipsStoredPartsAndReportsAllOfThem) {
     const std::string third = std::string(provider) == "aws" ? "partNumber=3&" : "Mw==";
     const size_t before = count(_mock.origin(), "PUT", "/bucket/key");
     interrupt(home.path().string(), target, KOVO_SERVER_TYPE_SYNC_SERVICE, third);
-    expectStored(runAgain(home.path().string(), target, forServer(KOVO_SERVER_TYPE_SYNC_SERVICE)),
-                 target);
+    const TransferEvents events =
+        runAgain(home.path().string(), target, forServer(KOVO_SERVER_TYPE_SYNC_SERVICE));
+    expectStored(events, target);
     EXPECT_EQ(count(_mock.origin(), "PUT", "/bucket/key") - before, 4u) << "part 3 twice";
+    EXPECT_GE(events.progress.back().first, 10 * kMiB) << "skipped parts count";
+    EXPECT_LE(events.progress.back().first, kThreeParts.size());
   }
 }
 
