@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * KOVO: functions beyond the fixed interface of kovo.h. The same conventions hold.
  */
 #ifndef KOVO_KOVO_EXT_H_
@@ -10,7 +11,7 @@
 extern "C" {
 #endif
 
-/*
+/**
  * Sets the hardware concurrency figure of the process, from which the next kovoCreate sizes its
  * thread pool: max(figure, 2) - 1 threads, each serving one connection at a time. 0 asks the
  * platform again (the default). Transfers wait for the network, not for a core, so a program
@@ -18,7 +19,7 @@ extern "C" {
  */
 KOVO_API void kovoSetHardwareConcurrency(uint32_t figure);
 
-/*
+/**
  * Sets the domain under which the URLs of storage parts count as S3 when they are signed
  * (signature version 2), process-wide: a host equal to domain is path style ("/bucket/key"), a
  * host below it is virtual-hosted style (its first label is the bucket). A port is not part of the
