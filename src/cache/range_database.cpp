@@ -56,6 +56,9 @@ int createTables(SqliteConnection& connection) {
   if (result != SQLITE_ROW) {
     return result;
   }
+  if (connection.holdsForeignCode()) {
+    return SQLITE_CORRUPT;
+  }
   if (connection.queryText(kCountObjects) == "5") {
     return SQLITE_DONE;
   }

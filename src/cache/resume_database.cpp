@@ -90,6 +90,9 @@ std::string readVersion(SqliteConnection& connection, int& result) {
 }
 
 Condition examine(SqliteConnection& connection) {
+  if (connection.holdsForeignCode()) {
+    return Condition::Damaged;
+  }
   int result = SQLITE_OK;
   const std::string version = readVersion(connection, result);
   if (isDamage(result)) {

@@ -87,6 +87,10 @@ std::string SqliteConnection::queryText(const std::string& sql) {
   return statement.step() == SQLITE_ROW ? statement.text(0) : std::string();
 }
 
+bool SqliteConnection::holdsForeignCode() {
+  return queryText("SELECT 'yes' FROM sqlite_master WHERE ifnull(rootpage, 0) = 0") == "yes";
+}
+
 void SqliteConnection::noteLockResult(int result) {
   const bool isBusy = result == SQLITE_BUSY;
   if (isBusy != _isImpatient) {

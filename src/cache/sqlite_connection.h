@@ -34,6 +34,10 @@ class SqliteConnection : boost::noncopyable {
   // The single value of one statement's first row; empty without one.
   std::string queryText(const std::string& sql);
 
+  // Whether the schema holds a view, a trigger or a virtual table. This library makes none: in a
+  // database of its own they are foreign code, which its statements would run, for ever if need be.
+  bool holdsForeignCode();
+
   // After a lock could not be had in time, later waits are short until one succeeds: a stopped
   // process that holds the lock must not cost every caller the whole wait.
   void noteLockResult(int result);

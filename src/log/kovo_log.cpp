@@ -80,6 +80,20 @@ std::string formatted(const char* format, std::va_list arguments) {
   return text;
 }
 
+// A message of several lines, which may be somebody else's words, cannot be taken for several
+// messages: only their first lines begin at the margin.
+std::string indented(const std::string& message) {
+  std::string result;
+  result.reserve(message.size());
+  for (const char c : message) {
+    result += c;
+    if (c == '\n') {
+      result += '\t';
+    }
+  }
+  return result;
+}
+
 void writeAll(int descriptor, const char* data, std::size_t size) {
   while (size > 0) {
     const ssize_t written = ::write(descriptor, data, size);
@@ -171,8 +185,12 @@ void Logger::openFile() {
   // engine the directory is the working directory, where a link may be anybody's.
   logFile = ::open(currentFileName.c_str(),
                    O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
-  if (logFile >= 0) {
-    static_cast<void>(::fchmod(logFile, 0600));
+  struct stat facts;
+  const bool isPrivate = logFile >= 0 && ::fstat(logFile, &facts) == 0 && S_ISREG(facts.st_mode) &&
+                         facts.st_nlink == 1 &&
+                         (::fchmod(logFile, 0600) == 0 || facts.st_uid == ::geteuid());
+  if (!isPrivate) {
+    closeFile();
   }
 }
 
@@ -227,7 +245,7 @@ void Logger::writeLine(std::uint32_t level, const char* format, std::va_list arg
                 static_cast<unsigned>(local.tm_sec), static_cast<unsigned>(now.tv_usec / 1000),
                 levelName(level));
   // One write per line: another process that logs to the same file does not tear it.
-  const std::string line = stamp + formatted(format, arguments) + "\n";
+  const std::string line = stamp + indented(formatted(format, arguments)) + "\n";
   writeAll(logFile, line.data(), line.size());
 }
 

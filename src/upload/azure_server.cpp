@@ -38,7 +38,10 @@ bool AzureServer::processResponse(const std::string& answer) {
       .string("token", &_token)
       .string("bucketName", &_bucketName)
       .string("objectId", &_objectId);
-  const bool parsed = schema.parseJSON(answer) && isUsable({&_token});
+  // With a blank the URL of a block would be none, and behind a "#" it would not say that it is
+  // one.
+  const bool parsed = schema.parseJSON(answer) && isUsable({&_token}) &&
+                      _token.find_first_of(" #") == std::string::npos;
   if (!parsed) {
     KOVO_LOG(KOVO_LOG_ERROR, "kovo::AzureServer::processResponse",
              "Azure MimeSourceFactory Failed to parse Sync Service JSON response");

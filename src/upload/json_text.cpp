@@ -4,6 +4,14 @@
 #include <cstring>
 
 namespace kovo {
+namespace {
+
+// A NUL is none of any characters, though strchr finds the one that ends them.
+bool isOneOf(char character, const char* characters) {
+  return character != '\0' && std::strchr(characters, character) != nullptr;
+}
+
+}  // namespace
 
 std::string escapeJson(const std::string& text) {
   std::string result;
@@ -44,11 +52,11 @@ bool isJsonString(const std::string& text) {
     if (text[position] == 'u') {
       for (int digit = 0; digit < 4; ++digit) {
         ++position;
-        if (position >= last || std::strchr("0123456789abcdefABCDEF", text[position]) == nullptr) {
+        if (position >= last || !isOneOf(text[position], "0123456789abcdefABCDEF")) {
           return false;
         }
       }
-    } else if (text[position] == '\0' || std::strchr("\"\\/bfnrt", text[position]) == nullptr) {
+    } else if (!isOneOf(text[position], "\"\\/bfnrt")) {
       return false;
     }
   }

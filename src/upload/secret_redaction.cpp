@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <string_view>
 
 namespace kovo {
 namespace {
@@ -36,6 +37,10 @@ std::size_t skipSpace(const std::string& text, std::size_t position) {
   return std::min(text.find_first_not_of(" \t\r\n", position), text.size());
 }
 
+bool isOneOf(const std::string& text, std::size_t position, std::string_view characters) {
+  return position < text.size() && characters.find(text[position]) != std::string_view::npos;
+}
+
 // Where the quoted text that begins at position ends: at its closing quote, or with the text.
 std::size_t endOfQuoted(const std::string& text, std::size_t position) {
   const char quote = text[position];
@@ -45,6 +50,19 @@ std::size_t endOfQuoted(const std::string& text, std::size_t position) {
     }
   }
   return std::min(position, text.size());
+}
+
+// Where a text without quotes around it ends. Quoted parts belong to it: name="value".
+std::size_t endOfPlain(const std::string& text, std::size_t position, const char* ends) {
+  for (;;) {
+    position = std::min(text.find_first_of(ends, position), text.size());
+    const bool isQuotedPart = position < text.size() && position > 0 &&
+                              isOneOf(text, position, "\"'") && isOneOf(text, position - 1, "=");
+    if (!isQuotedPart) {
+      return position;
+    }
+    position = std::min(endOfQuoted(text, position) + 1, text.size());
+  }
 }
 
 }  // namespace
@@ -61,6 +79,7 @@ std::string redactSecrets(const std::string& text) {
     while (end < text.size() && isNameCharacter(text[end])) {
       ++end;
     }
+    const std::size_t nameStart = position;
     const std::string name = text.substr(position, end - position);
     result += name;
     position = end;
@@ -68,27 +87,29 @@ std::string redactSecrets(const std::string& text) {
       continue;
     }
     // name": "value", name: value, name=value, name="value" or <name>value
-    std::size_t separator = position;
-    if (separator < text.size() && (text[separator] == '"' || text[separator] == '\'')) {
-      ++separator;
-    }
-    separator = skipSpace(text, separator);
-    if (separator >= text.size() || std::string(":=>").find(text[separator]) == std::string::npos) {
+    const bool isNameQuoted = isOneOf(text, position, "\"'");
+    const std::size_t separator = skipSpace(text, position + (isNameQuoted ? 1 : 0));
+    const bool isElement = nameStart > 0 && isOneOf(text, nameStart - 1, "<:");
+    if (!isOneOf(text, separator, isElement ? ":=>" : ":=")) {
       continue;
     }
     const std::size_t value = skipSpace(text, separator + 1);
     if (value >= text.size() || text[value] == '{' || text[value] == '[' || text[value] == '<') {
       continue;
     }
+    const bool isQuoted = text[value] == '"' || text[value] == '\'';
+    const std::size_t closing = isQuoted ? endOfQuoted(text, value) : value;
+    if (isQuoted && !isNameQuoted && isOneOf(text, skipSpace(text, closing + 1), ":=")) {
+      continue;  // the quoted text is itself the name of what follows
+    }
     result.append(text, position, value - position);
-    if (text[value] == '"' || text[value] == '\'') {
+    if (isQuoted) {
       result += text[value];
       result += "***";
-      position = endOfQuoted(text, value);
+      position = closing;
     } else {
       result += "***";
-      position = std::min(text.find_first_of(text[separator] == '>' ? "<" : "&<>\"',;}\r\n", value),
-                          text.size());
+      position = endOfPlain(text, value, text[separator] == '>' ? "<" : "&<>\"',;}\r\n");
     }
   }
   if (result.size() > kLongestText || position < text.size()) {

@@ -1,7 +1,11 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <cstdlib>
+#include <filesystem>
 #include <map>
 #include <optional>
 #include <set>
@@ -183,6 +187,47 @@ TEST(Redirects, CarryNoCredentialsToAnotherHost) {
   ASSERT_TRUE(engine.wait(engine.downloadToMemory(withUser)));
   EXPECT_TRUE(origin.requests().back().header("Authorization").has_value());
   EXPECT_EQ(target.requests().back().header("Authorization"), std::nullopt);
+}
+
+std::set<int> descriptors() {
+  std::set<int> open;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    open.insert(std::stoi(entry.path().filename()));
+  }
+  return open;
+}
+
+// libcurl wakes its own threads through pairs that only this process knows.
+bool isLocalPair(int descriptor) {
+  sockaddr_storage address{};
+  socklen_t size = sizeof address;
+  return ::getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &size) == 0 &&
+         address.ss_family == AF_UNIX;
+}
+
+TEST(OtherUsersAndPrograms, GetNeitherTheEnginesFilesNorItsDescriptors) {
+  const mode_t mask = ::umask(0);
+  FaultOrigin origin(serveResource(kResource));
+  const std::set<int> before = descriptors();
+  TestEngine engine(smallChunks());
+  const std::string path = engine.file("out._kstmp");
+  expectWhole(engine, engine.download(origin.url("/f?sig=secret"), path), path);
+  std::size_t files = 0;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(engine.dataHome())) {
+    struct stat facts;
+    ASSERT_EQ(::lstat(entry.path().c_str(), &facts), 0);
+    EXPECT_EQ(facts.st_mode & 077, 0u) << entry.path();
+    files += S_ISREG(facts.st_mode) ? 1 : 0;
+  }
+  EXPECT_GE(files, 6u) << "two databases with their logs and indices";
+  for (const int descriptor : descriptors()) {
+    const int flags = ::fcntl(descriptor, F_GETFD);
+    if (flags >= 0 && before.count(descriptor) == 0 && !isLocalPair(descriptor)) {
+      EXPECT_NE(flags & FD_CLOEXEC, 0)
+          << std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor));
+    }
+  }
+  ::umask(mask);
 }
 
 TEST(Proxies, AreTakenFromTheEnvironmentAndSkippedWhereAsked) {

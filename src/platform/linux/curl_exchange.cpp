@@ -140,8 +140,11 @@ bool CurlExchange::hasHead() const {
   if (!_head.isComplete()) {
     return false;
   }
-  // With Digest libcurl answers the proxy's first 407 by itself, and another head follows.
-  const bool mayBeInterim = _session->usesProxyDigest() && _head.head().status == 407;
+  // With Digest libcurl answers the proxy's first 407 by itself, and another head follows. So it
+  // does where the proxy accepts the question that is asked without the body.
+  const std::uint32_t status = _head.head().status;
+  const bool mayBeInterim =
+      _session->usesProxyDigest() && (status == 407 || (status < 300 && !isBodySent()));
   return !mayBeInterim || _bodyBegan || _session->result();
 }
 
@@ -302,7 +305,7 @@ void CurlExchange::setAside(std::uint8_t* ahead, std::size_t length) {
 bool CurlExchange::onHeaderLine(std::string_view line) noexcept {
   ++_arrivals;
   try {
-    return _head.add(line);
+    return _bodyBegan || _sendReturned ? _head.addTrailer(line) : _head.add(line);
   } catch (...) {
     return false;
   }

@@ -82,6 +82,11 @@ void HttpHop::redirect(std::uint32_t status, const std::string& location) {
   if (target.scheme() != "http" && target.scheme() != "https") {
     refuse("The redirect leads to neither http nor https (" + _host + ")");
   }
+  // The text is read once more when it is requested: escapes in a host may then mean another one.
+  CurlUrl requested;
+  if (!requested.set(target.text()) || requested.origin() != target.origin()) {
+    refuse("The redirect's Location is malformed (" + _host + ")");
+  }
   const bool becomesGet = (status == 303 && _verb != "HEAD" && _verb != "GET") ||
                           ((status == 301 || status == 302) && _verb == "POST");
   if (becomesGet) {

@@ -2,6 +2,7 @@
 
 #include <openssl/ssl.h>
 #include <poll.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
@@ -53,6 +54,11 @@ int curlEvents(int what, int found) {
   return events;
 }
 
+// libcurl's own sockets would be inherited by every program the host starts.
+curl_socket_t openSocket(void*, curlsocktype, curl_sockaddr* address) noexcept {
+  return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+}
+
 }  // namespace
 
 HttpSession::HttpSession(std::shared_ptr<CurlShare> share, const HttpSessionPolicy& policy)
@@ -89,6 +95,7 @@ void HttpSession::setPersistentOptions() {
   setOption(_easy, CURLOPT_NOPROGRESS, 1L);
   setOption(_easy, CURLOPT_QUICK_EXIT, 1L);  // never joins a resolver that hangs
   setOption(_easy, CURLOPT_SHARE, _share->handle());
+  setOption(_easy, CURLOPT_OPENSOCKETFUNCTION, &openSocket);
   setOption(_easy, CURLOPT_ERRORBUFFER, &_errorText[0]);
   setOption(_easy, CURLOPT_WRITEFUNCTION, &HttpSession::onWrite);
   setOption(_easy, CURLOPT_WRITEDATA, this);
@@ -163,6 +170,10 @@ void HttpSession::begin(const HttpSessionRequest& request, HttpTransferHandler& 
 
 void HttpSession::finish() noexcept {
   if (_handler) {
+    // Known only while the transfer is in the multi handle.
+    if (curl_easy_getinfo(_easy, CURLINFO_ACTIVESOCKET, &_idleSocket) != CURLE_OK) {
+      _idleSocket = CURL_SOCKET_BAD;
+    }
     curl_multi_remove_handle(_multi, _easy);
     _handler = nullptr;
   }
@@ -279,6 +290,13 @@ std::string HttpSession::describe(CURLcode code) const {
                               detail.find('?') != std::string::npos;
   const std::string general(curl_easy_strerror(code));
   return detail.empty() || mayTellSecrets ? general : general + ": " + detail;
+}
+
+bool HttpSession::holdsUnaskedBytes() const {
+  // TLS has messages of its own that nobody asks for.
+  char byte = 0;
+  return !_isTls && _idleSocket != CURL_SOCKET_BAD &&
+         ::recv(_idleSocket, &byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
 }
 
 long HttpSession::timeOf(CURLINFO info) const {

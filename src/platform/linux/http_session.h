@@ -69,6 +69,9 @@ class HttpSession : boost::noncopyable {
 
   const HttpSessionPolicy& policy() const { return _policy; }
 
+  // For the pool: whether something came behind the last answer. It would be taken for the
+  // beginning of the next one.
+  bool holdsUnaskedBytes() const;
   // For the pool: the origins that the session may hold connections to, the latest last.
   bool knowsOrigin(const std::string& origin) const;
   void noteOrigin(const std::string& origin);
@@ -110,6 +113,7 @@ class HttpSession : boost::noncopyable {
   std::vector<Watch> _watches;
   std::optional<std::chrono::steady_clock::time_point> _timer;
   bool _isTls = false;
+  curl_socket_t _idleSocket = CURL_SOCKET_BAD;  // of the last request's connection, if it is kept
   bool _usesProxyDigest = false;
   std::vector<std::string> _origins;
 };

@@ -37,6 +37,21 @@ void HttpSessionPool::release() {
   closing.clear();
 }
 
+HttpSessionPool::Sessions::iterator HttpSessionPool::find(const HttpSessionPolicy& policy,
+                                                          const std::string& origin) {
+  auto chosen = _idle.end();
+  for (auto it = _idle.end(); it != _idle.begin();) {
+    --it;
+    if ((*it)->policy() == policy) {
+      chosen = it;  // failing a connected one, the one that has been idle longest
+      if ((*it)->knowsOrigin(origin)) {
+        break;
+      }
+    }
+  }
+  return chosen;
+}
+
 std::unique_ptr<HttpSession> HttpSessionPool::take(const HttpSessionPolicy& policy,
                                                    const std::string& origin) {
   Sessions expired;
@@ -44,19 +59,13 @@ std::unique_ptr<HttpSession> HttpSessionPool::take(const HttpSessionPolicy& poli
   {
     ScopedLock held(_lock);
     takeExpired(expired);
-    auto chosen = _idle.end();
-    for (auto it = _idle.end(); it != _idle.begin();) {
-      --it;
-      if ((*it)->policy() == policy) {
-        chosen = it;  // failing a connected one, the one that has been idle longest
-        if ((*it)->knowsOrigin(origin)) {
-          break;
-        }
-      }
-    }
-    if (chosen != _idle.end()) {
+    for (auto chosen = find(policy, origin); chosen != _idle.end(); chosen = find(policy, origin)) {
       std::unique_ptr<HttpSession> session = std::move(*chosen);
       _idle.erase(chosen);
+      if (session->holdsUnaskedBytes()) {
+        expired.push_back(std::move(session));
+        continue;
+      }
       session->noteOrigin(origin);
       return session;
     }

@@ -28,6 +28,8 @@ class HttpSessionPool : boost::noncopyable {
   using Sessions = std::vector<std::unique_ptr<HttpSession>>;
 
   void takeExpired(Sessions& expired) KOVO_REQUIRES(_lock);
+  Sessions::iterator find(const HttpSessionPolicy& policy, const std::string& origin)
+      KOVO_REQUIRES(_lock);
 
   RecursiveLock _lock;
   std::size_t _engines KOVO_GUARDED_BY(_lock) = 0;

@@ -39,16 +39,25 @@ const char* versionName(std::string_view protocol) {
 void ResponseHeadBuilder::reset() {
   _head = HttpResponseHead();
   _complete = false;
+  _isOpen = false;
   _bytes = 0;
   _problem.clear();
 }
 
-bool ResponseHeadBuilder::add(std::string_view line) {
+bool ResponseHeadBuilder::addTrailer(std::string_view line) {
   _bytes += line.size() + kBytesPerHeader;
-  if (_bytes > kMostHeadBytes) {
-    return reject("The response's headers are too long");
+  return _bytes <= kMostHeadBytes || reject("The response's headers are too long");
+}
+
+bool ResponseHeadBuilder::add(std::string_view line) {
+  if (!addTrailer(line)) {
+    return false;
   }
-  if (line.substr(0, 5) == "HTTP/") {
+  if (line.find('\0') != std::string_view::npos) {
+    return reject("The response's headers hold a NUL byte");  // C strings would end there
+  }
+  // Within a head it is a header that looks like another one's beginning.
+  if (!_isOpen && line.substr(0, 5) == "HTTP/") {
     addStatusLine(line);
     return true;
   }
@@ -59,6 +68,7 @@ bool ResponseHeadBuilder::add(std::string_view line) {
     addHeader(line);
     return true;
   }
+  _isOpen = false;
   _complete = _head.status >= 200 || _head.status == 101;
   return !_complete || checkFraming();
 }
@@ -66,6 +76,7 @@ bool ResponseHeadBuilder::add(std::string_view line) {
 void ResponseHeadBuilder::addStatusLine(std::string_view line) {
   _head = HttpResponseHead();
   _complete = false;
+  _isOpen = true;
   line = trimmed(line);
   const std::size_t firstBlank = line.find(' ');
   _head.version = versionName(line.substr(0, firstBlank));
@@ -92,10 +103,11 @@ void ResponseHeadBuilder::addHeader(std::string_view line) {
     return;
   }
   const std::size_t colon = line.find(':');
-  if (colon == std::string_view::npos || colon == 0) {
+  const std::string_view name = trimmed(line.substr(0, colon));
+  if (colon == std::string_view::npos || name.empty()) {
     return;
   }
-  _head.headers.emplace_back(trimmed(line.substr(0, colon)), trimmed(line.substr(colon + 1)));
+  _head.headers.emplace_back(name, trimmed(line.substr(colon + 1)));
 }
 
 // libcurl takes the digits a Content-Length begins with, and the last of several; a body of another

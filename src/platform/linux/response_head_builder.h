@@ -17,6 +17,8 @@ class ResponseHeadBuilder {
   void reset();
   // One line with its line end. False when the response is not acceptable; problem() tells why.
   bool add(std::string_view line);
+  // As above for a line behind the body, which counts but changes nothing.
+  bool addTrailer(std::string_view line);
 
   // A whole head has arrived that is not an interim one.
   bool isComplete() const { return _complete; }
@@ -35,6 +37,7 @@ class ResponseHeadBuilder {
 
   HttpResponseHead _head;
   bool _complete = false;
+  bool _isOpen = false;  // between a status line and the empty line that ends its head
   std::size_t _bytes = 0;
   std::string _problem;
 };

@@ -75,6 +75,11 @@ UrlParts splitUrl(const std::string& url) {
   if (parts.host.empty()) {
     reject("no host");
   }
+  // Escapes in it are decoded by now. What they hid would end a header, or be decoded once more.
+  if (std::any_of(parts.host.begin(), parts.host.end(),
+                  [](unsigned char c) { return c <= ' ' || c == 0x7F || c == '%'; })) {
+    reject("the host's name");
+  }
   char* port = nullptr;
   const CURLUcode portCode =
       ::curl_url_get(handle.get(), CURLUPART_PORT, &port, CURLU_DEFAULT_PORT);

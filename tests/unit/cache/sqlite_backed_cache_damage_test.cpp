@@ -46,6 +46,11 @@ TEST_F(RangeCacheDamage, AFileThatIsNoDatabaseIsReplaced) {
   store(0, 1000);
   EXPECT_EQ(get(0, 1000), HttpGetCache::NoDatabase);
   EXPECT_EQ(log.count("GET cache not used"), 1u);
+  std::filesystem::remove(database);
+  std::filesystem::create_symlink(directory.file("elsewhere"), database);
+  open();
+  EXPECT_EQ(get(0, 1000), HttpGetCache::NoDatabase);
+  EXPECT_FALSE(std::filesystem::exists(directory.file("elsewhere")));
 }
 
 TEST_F(RangeCacheDamage, BytesDamagedInTheFileAreNeverServed) {

@@ -23,6 +23,7 @@ namespace {
 using test::LogCapture;
 using test::TempDir;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
@@ -99,6 +100,33 @@ TEST_F(LogTest, LineHoldsTimeLevelAndMessageAndIsTheOwnersAlone) {
   struct stat facts;
   ASSERT_EQ(::stat(logFiles()[0].c_str(), &facts), 0);
   EXPECT_EQ(facts.st_mode & 0777, 0600U);
+}
+
+TEST_F(LogTest, AForeignFileInThePlaceOfTheLogStaysAsItIs) {
+  start();
+  const std::string name = logFiles()[0];
+  EXPECT_TRUE(kovoDeinitLog());
+  const std::string victim = directory.file("victim");
+  for (const bool isSymbolic : {true, false}) {
+    std::filesystem::remove(name);
+    std::ofstream(victim) << "mine";
+    if (isSymbolic) {
+      std::filesystem::create_symlink(victim, name);
+    } else {
+      std::filesystem::create_hard_link(victim, name);
+    }
+    start();
+    KOVO_LOG(KOVO_LOG_WARN, kName, "not for you");
+    EXPECT_TRUE(kovoDeinitLog());
+    EXPECT_EQ(contentOf(victim), "mine");
+  }
+  _started = false;
+}
+
+TEST_F(LogTest, NoMessagePassesForAnother) {
+  start();
+  KOVO_LOG(KOVO_LOG_WARN, kName, "%s", "first\n12:00:00:000 [ERROR]\tforged\n");
+  EXPECT_THAT(onlyLog(), EndsWith(" [WARN]\tfirst\n\t12:00:00:000 [ERROR]\tforged\n\t\n"));
 }
 
 TEST_F(LogTest, LevelNoneLeavesOnlyAlways) {

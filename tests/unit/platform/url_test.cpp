@@ -74,6 +74,8 @@ TEST(UrlTest, MalformedUrlsAreRejectedWithoutTellingTheirSecrets) {
                                 "http://user:secret@[::1/p",
                                 "http://[::zz]/",
                                 "http://h\r\nHost: x/",
+                                "http://h%7f/",
+                                "http://h%2541/",
                                 "http://h\\@x/"}) {
     SCOPED_TRACE(url);
     try {

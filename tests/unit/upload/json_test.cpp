@@ -100,6 +100,7 @@ TEST(JsonText, TellsAWholeStringFromAnythingElse) {
                            "\"\\x\"", "\"a\nb\"", "\"a\",\"x\":\"b\""}) {
     EXPECT_FALSE(isJsonString(text)) << text;
   }
+  EXPECT_FALSE(isJsonString(std::string("\"\\u00\0001\"", 8)));
 }
 
 }  // namespace

@@ -29,6 +29,12 @@ TEST(SecretRedaction, HidesWhatATruncatedOrBrokenTextHolds) {
   EXPECT_EQ(redactSecrets("{\"token\":{\"secretKey\":12,\"b\":3}}"),
             "{\"token\":{\"secretKey\":***,\"b\":3}}");
   EXPECT_EQ(redactSecrets("secretKey='\\"), "secretKey='***");
+  // What looks like the value of one name is the next name.
+  EXPECT_EQ(redactSecrets("bad token: \"secretKey\" : \"leak\""),
+            "bad token: \"secretKey\" : \"***\"");
+  EXPECT_EQ(redactSecrets("Authorization: Digest response='leak'x, qop=auth"),
+            "Authorization: ***, qop=auth");
+  EXPECT_EQ(redactSecrets("<a token=\"leak\">b</a>"), "<a token=\"***\">b</a>");
 }
 
 TEST(SecretRedaction, BoundsItsLength) {

@@ -169,6 +169,9 @@ TEST(ServerAnswer, IsRefusedWhenItIsIncompleteOrUnusable) {
   EXPECT_FALSE(accepts("aws", replaced(kAwsAnswer, "\"AK\"", R"("AK\r\nX: y")")));
   EXPECT_FALSE(accepts("aws", replaced(kAwsAnswer, "https://sync/f", "file:///etc/passwd")));
   EXPECT_FALSE(accepts("aws", replaced(kAwsAnswer, "https://b.s3.amazonaws.com/k", "")));
+  for (const char* token : {"sig=x#", "sig= x"}) {
+    EXPECT_FALSE(accepts("azure", replaced(kAzureAnswer, "sig=x", token)));
+  }
 }
 
 class RecordedParts : public testing::Test {
