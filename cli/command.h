@@ -20,6 +20,9 @@ const std::vector<Command>& commands();
 
 Command getCommand();
 Command putCommand();
+Command requestCommand();
+Command cacheCommand();
+Command resumeCommand();
 Command helpCommand();
 
 }  // namespace kovo::cli

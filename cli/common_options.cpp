@@ -4,6 +4,7 @@
 #include <cctype>
 
 #include "quantity.h"
+#include "secrets.h"
 #include "usage_error.h"
 
 namespace kovo::cli {
@@ -14,7 +15,7 @@ namespace {
 std::pair<std::string, std::string> parseHeader(std::string_view text) {
   const std::size_t colon = text.find(':');
   if (colon == std::string_view::npos || colon == 0) {
-    throw UsageError("--header: '" + std::string(text.substr(0, 20)) + "...' is not 'Name: value'");
+    throw UsageError("--header: what was given is not 'Name: value'");
   }
   const std::string_view name = text.substr(0, colon);
   const bool isToken = std::all_of(name.begin(), name.end(), [](unsigned char c) {
@@ -33,6 +34,7 @@ std::pair<std::string, std::string> parseHeader(std::string_view text) {
   if (name.size() >= sizeof(kovo_header::name) || value.size() >= sizeof(kovo_header::value)) {
     throw UsageError("--header " + std::string(name.substr(0, 40)) + ": too long");
   }
+  rememberSecretsOfHeader(name, value);
   return {std::string(name), std::string(value)};
 }
 
@@ -45,22 +47,28 @@ ProgressMode parseProgress(std::string_view text) {
 
 }  // namespace
 
-std::vector<Option> CommonOptions::table() {
+std::vector<Option> CommonOptions::requestTable() {
   constexpr std::uint64_t kMostHeaders = 64;
   constexpr std::uint64_t kLongestTimeout = 86400;
+  const auto addHeader = [this](const std::pair<std::string, std::string>& header) {
+    if (transfer.headers.size() == kMostHeaders) throw UsageError("more than 64 headers");
+    transfer.headers.push_back(header);
+  };
   return {
-      {'n', "connections", "N", "requests that run at once, 1 to 64 (default 16)",
-       [this](std::string_view text) {
-         connections = static_cast<std::uint32_t>(parseNumber(text, "--connections", 1, 64));
-       }},
-      {0, "adaptive", "", "let the measured throughput choose the connections",
-       [this](std::string_view) { adaptive = true; }},
-      {0, "limit-rate", "BYTES", "most bytes per second, such as 5M (default no limit)",
-       [this](std::string_view text) { bytesPerSecond = parseBytes(text, "--limit-rate"); }},
       {'H', "header", "'NAME: VALUE'", "send this header with every request; may be repeated",
+       [addHeader](std::string_view text) { addHeader(parseHeader(text)); }},
+      {'A', "user-agent", "TEXT", "send TEXT as the name of the program",
+       [addHeader](std::string_view text) {
+         addHeader(parseHeader("User-Agent:" + std::string(text)));
+       }},
+      {0, "proxy-user", "USER:PASSWORD", "credentials for the proxy that http_proxy names",
        [this](std::string_view text) {
-         if (transfer.headers.size() == kMostHeaders) throw UsageError("more than 64 headers");
-         transfer.headers.push_back(parseHeader(text));
+         const std::size_t colon = text.find(':');
+         proxyUser = text.substr(0, colon);
+         proxyPassword = colon == std::string_view::npos ? "" : text.substr(colon + 1);
+         if (proxyUser.empty()) throw UsageError("--proxy-user: a user name is needed");
+         rememberSecret(text);
+         rememberSecret(proxyPassword);
        }},
       {0, "timeout", "SECONDS",
        "give a request up that makes no progress for so long\n(default 30)",
@@ -68,15 +76,8 @@ std::vector<Option> CommonOptions::table() {
          transfer.timeoutSeconds =
              static_cast<std::uint32_t>(parseNumber(text, "--timeout", 1, kLongestTimeout));
        }},
-      {0, "retries", "N",
-       "send a failed request again up to N times, after growing\npauses (default 5)",
-       [this](std::string_view text) {
-         transfer.retries = static_cast<std::uint32_t>(parseNumber(text, "--retries", 0, 1000));
-       }},
       {0, "insecure", "", "accept any certificate of the server",
        [this](std::string_view) { transfer.validateCertificates = false; }},
-      {0, "progress", "WHEN", "show progress: auto (on a terminal), always or never",
-       [this](std::string_view text) { progress = parseProgress(text); }},
       {'q', "quiet", "", "show errors only",
        [this](std::string_view) {
          quiet = true;
@@ -85,8 +86,59 @@ std::vector<Option> CommonOptions::table() {
   };
 }
 
-std::uint32_t progressIntervalFor(const Terminal& terminal) {
-  return terminal.showsProgress() ? 100 : 2000;
+std::vector<Option> CommonOptions::transferTable() {
+  std::vector<Option> rows = {
+      {'n', "connections", "N", "requests that run at once, 1 to 64 (default 16)",
+       [this](std::string_view text) {
+         connections = static_cast<std::uint32_t>(parseNumber(text, "--connections", 1, 64));
+       }},
+      {0, "adaptive", "", "let the measured throughput choose the connections",
+       [this](std::string_view) { adaptive = true; }},
+      {0, "limit-rate", "BYTES", "most bytes per second, such as 5M (default no limit)",
+       [this](std::string_view text) { bytesPerSecond = parseBytes(text, "--limit-rate"); }},
+      {0, "retries", "N",
+       "send a failed request again up to N times, after\ngrowing pauses (default 5)",
+       [this](std::string_view text) {
+         transfer.retries = static_cast<std::uint32_t>(parseNumber(text, "--retries", 0, 1000));
+       }},
+      {0, "priority", "N", "the engine's priority of the transfers (default 0)",
+       [this](std::string_view text) {
+         transfer.priority =
+             static_cast<std::uint32_t>(parseNumber(text, "--priority", 0, UINT32_MAX));
+       }},
+      {0, "progress", "WHEN", "show progress: auto (on a terminal), always or never",
+       [this](std::string_view text) { progress = parseProgress(text); }},
+      {0, "json", "", "print one JSON object per event on standard output",
+       [this](std::string_view) { json = true; }},
+      {0, "trace", "FILE.html",
+       "write a page that shows every request over time, the\nthroughput and the worker count",
+       [this](std::string_view text) {
+         if (text.empty()) throw UsageError("--trace: a file name is needed");
+         traceFile = text;
+       }},
+  };
+  std::vector<Option> requests = requestTable();
+  rows.insert(rows.end(), std::make_move_iterator(requests.begin()),
+              std::make_move_iterator(requests.end()));
+  return rows;
+}
+
+EngineOptions CommonOptions::engineOptions(const Terminal& terminal) const {
+  EngineOptions options;
+  options.connections = connections;
+  options.adaptive = adaptive;
+  options.proxyUser = proxyUser;
+  options.proxyPassword = proxyPassword;
+  options.progressInterval = terminal.showsProgress() || json ? 100 : 2000;
+  // A trace is drawn from what the workers report, so the more the better.
+  if (!traceFile.empty()) options.progressInterval = 1;
+  return options;
+}
+
+OptionTable joined(std::vector<Option> own, std::vector<Option> shared) {
+  own.insert(own.end(), std::make_move_iterator(shared.begin()),
+             std::make_move_iterator(shared.end()));
+  return OptionTable(std::move(own));
 }
 
 }  // namespace kovo::cli

@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "failure.h"
-#include "url_text.h"
+#include "safe_text.h"
 
 namespace kovo::cli {
 
@@ -36,27 +36,59 @@ std::string folderOf(const std::string& path) {
 
 }  // namespace
 
-DownloadTarget::DownloadTarget(std::string finalPath, Existing existing, bool keepPartial)
-    : _finalPath(std::move(finalPath)), _partialPath(_finalPath + "._kstmp"), _existing(existing) {
+DownloadTarget::DownloadTarget(std::string finalPath, Existing existing, Partial partial)
+    : _finalPath(std::move(finalPath)),
+      _partialPath(_finalPath + (partial == Partial::kThrowAway ? "._ksrange" : "._kstmp")),
+      _existing(existing),
+      _partial(partial) {
+  refuseExisting();
   struct stat facts {};
-  if (::lstat(_finalPath.c_str(), &facts) == 0) {
-    if (S_ISDIR(facts.st_mode)) {
-      throw Failure(ExitCode::kFile, printable(_finalPath) + " is a folder");
-    }
-    if (_existing == Existing::kRefuse) failExists(_finalPath);
-  }
   if (::stat(folderOf(_finalPath).c_str(), &facts) != 0) {
     failFile("cannot use the folder", folderOf(_finalPath), errno, "Create it first.");
   }
-  _lock.reset(::open(_partialPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0666));
-  if (_lock.get() < 0) failFile("cannot create", _partialPath, errno);
-  if (::flock(_lock.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
-    throw Failure(ExitCode::kFile,
-                  "another kovo is downloading to " + printable(_finalPath) + " already");
-  }
-  if (!keepPartial && ::ftruncate(_lock.get(), 0) != 0)
+  lockPartial();
+  if (_partial != Partial::kContinue && ::ftruncate(_lock.get(), 0) != 0)
     failFile("cannot empty", _partialPath, errno);
   _foundPartial = storedBytes() != 0;
+}
+
+void DownloadTarget::lockPartial() {
+  while (true) {
+    _lock.reset(::open(_partialPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0666));
+    if (_lock.get() < 0) failFile("cannot create", _partialPath, errno);
+    if (::flock(_lock.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+      throw Failure(ExitCode::kFile,
+                    "another transfer is downloading to " + printable(_finalPath) + " already");
+    }
+    // Another process may have completed its download between the two calls: then the locked file
+    // is its result, under the final name.
+    struct stat locked {};
+    struct stat named {};
+    if (::fstat(_lock.get(), &locked) != 0 || ::stat(_partialPath.c_str(), &named) != 0) continue;
+    if (locked.st_ino == named.st_ino && locked.st_dev == named.st_dev) break;
+  }
+  refuseExisting();
+}
+
+void DownloadTarget::refuseExisting() const {
+  struct stat facts {};
+  if (::lstat(_finalPath.c_str(), &facts) != 0) return;
+  if (S_ISDIR(facts.st_mode)) {
+    throw Failure(ExitCode::kFile, printable(_finalPath) + " is a folder");
+  }
+  if (_existing == Existing::kRefuse) failExists(_finalPath);
+  if (_existing == Existing::kSkip) {
+    throw Failure(ExitCode::kOk, printable(_finalPath) + " exists already, skipped");
+  }
+}
+
+void DownloadTarget::rename(const std::string& name) {
+  const std::size_t slash = _finalPath.rfind('/');
+  const std::string path =
+      slash == std::string::npos ? name : _finalPath.substr(0, slash + 1) + name;
+  if (path == _finalPath) return;
+  _finalPath = path;
+  refuseExisting();
 }
 
 std::uint64_t DownloadTarget::storedBytes() const {
@@ -86,6 +118,7 @@ std::uint64_t DownloadTarget::commit() {
     }
   }
   _committed = true;
+  _lock.reset();
   const std::string folder = folderOf(_finalPath);
   const FileDescriptor directory(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   // A folder that cannot be synced still holds the complete file under its name.
@@ -95,12 +128,16 @@ std::uint64_t DownloadTarget::commit() {
 }
 
 bool DownloadTarget::settleFailed() {
-  if (_committed) return false;
+  if (_committed || _lock.get() < 0) return false;
   struct stat facts {};
-  if (::stat(_partialPath.c_str(), &facts) != 0) return false;
-  if (facts.st_size != 0) return true;
-  ::unlink(_partialPath.c_str());
-  return false;
+  if (::stat(_partialPath.c_str(), &facts) != 0) {
+    _lock.reset();
+    return false;
+  }
+  const bool useful = facts.st_size != 0 && _partial != Partial::kThrowAway;
+  if (!useful) ::unlink(_partialPath.c_str());
+  _lock.reset();
+  return useful;
 }
 
 }  // namespace kovo::cli

@@ -14,7 +14,8 @@ Engine::Engine(const EngineOptions& options) {
   kovoSetHardwareConcurrency(options.connections + 1);
 
   kovo_config config{};
-  config.maxActiveWorkProviders = 4;
+  config.workQueuePolicy = options.inTurn ? 1 : 0;
+  config.maxActiveWorkProviders = 64;
   config.workerPoolLowerLimit = std::min(options.connections, 2U);
   config.workerPoolUpperLimit = options.connections;
   config.chunkSize = options.chunkSize;
@@ -33,6 +34,10 @@ Engine::Engine(const EngineOptions& options) {
                   "Is there enough memory, and a home folder that can be written?");
   }
   Transfer::registerCallbacks(_instance);
+  if (!options.proxyUser.empty()) {
+    kovoSetSystemProxyCredentials(_instance, options.proxyUser.c_str(),
+                                  options.proxyPassword.c_str());
+  }
   // Kibibytes per second; a limit below one must not turn into none.
   const auto rate = [](std::uint64_t bytes) {
     return bytes == 0 ? 0 : std::max<std::uint64_t>(bytes / 1024, 1);

@@ -3,6 +3,7 @@
 #include <kovo/kovo.h>
 
 #include <cstdint>
+#include <string>
 
 namespace kovo::cli {
 
@@ -14,10 +15,14 @@ struct EngineOptions {
   std::uint64_t downloadBytesPerSecond = 0;  // 0: no limit
   // The number of connections follows the measured throughput instead of standing still.
   bool adaptive = false;
+  // Transfers take turns at the connections instead of the first one taking all it can use.
+  bool inTurn = false;
   bool rangeCache = false;
   bool chunkUploads = false;
   // Least milliseconds between two progress reports; 0: none.
   std::uint32_t progressInterval = 0;
+  std::string proxyUser;  // empty: no credentials for the proxy
+  std::string proxyPassword;
 };
 
 // Owns one engine whose callbacks lead to Transfer objects.

@@ -14,8 +14,8 @@ class Failure : public std::runtime_error {
   Failure(ExitCode failureCode, const std::string& what, std::string failureAdvice = {})
       : std::runtime_error(what), code(failureCode), advice(std::move(failureAdvice)) {}
 
-  const ExitCode code;
-  const std::string advice;
+  ExitCode code;
+  std::string advice;
 };
 
 }  // namespace kovo::cli

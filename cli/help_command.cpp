@@ -20,13 +20,15 @@ std::string overview() {
   }
   return text +
          "\n"
-         "kovo help COMMAND tells a command's options, kovo help exit-codes what the exit status\n"
-         "means. http_proxy, https_proxy and no_proxy are honoured.\n";
+         "kovo help COMMAND tells a command's options, kovo help exit-codes what the exit\n"
+         "status means, and kovo --version which version this is. http_proxy, https_proxy\n"
+         "and no_proxy are honoured.\n";
 }
 
 std::string exitCodes() {
-  return "Exit status of kovo:\n\n"
-         "  0    the transfer is complete\n"
+  return "Exit status of kovo; with several URLs, that of the first one in their order that\n"
+         "failed:\n\n"
+         "  0    everything is complete\n"
          "  1    a failure that none of the following describes\n"
          "  2    the command line cannot be understood\n"
          "  3    the server answered with an error (HTTP status 400 and above)\n"

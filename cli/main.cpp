@@ -1,20 +1,27 @@
 #include <kovo/kovo.h>
 
+#include <signal.h>
+
 #include <algorithm>
 #include <clocale>
 #include <cstdio>
 #include <exception>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "command.h"
 #include "failure.h"
+#include "job_queue.h"
+#include "safe_text.h"
+#include "secrets.h"
 #include "usage_error.h"
 
 namespace kovo::cli {
 
 const std::vector<Command>& commands() {
-  static const std::vector<Command> all = {getCommand(), putCommand(), helpCommand()};
+  static const std::vector<Command> all = {getCommand(),   putCommand(),    requestCommand(),
+                                           cacheCommand(), resumeCommand(), helpCommand()};
   return all;
 }
 
@@ -46,14 +53,20 @@ ExitCode run(std::vector<std::string> words) {
 int main(int count, char** arguments) {
   using namespace kovo::cli;
   std::setlocale(LC_CTYPE, "");
+  ::signal(SIGPIPE, SIG_IGN);  // who writes to a pipe hears of its end from the write
   try {
     return static_cast<int>(run(std::vector<std::string>(arguments + 1, arguments + count)));
   } catch (const UsageError& error) {
-    std::fprintf(stderr, "kovo: %s\nTry 'kovo help'.\n", error.what());
+    const std::string_view name = count > 1 ? arguments[1] : "";
+    const bool isCommand =
+        std::any_of(commands().begin(), commands().end(),
+                    [&](const Command& command) { return command.name == name; });
+    std::fprintf(stderr, "kovo: %s\nTry 'kovo help%s%s'.\n",
+                 printable(withoutSecrets(error.what())).c_str(), isCommand ? " " : "",
+                 isCommand ? arguments[1] : "");
     return static_cast<int>(ExitCode::kUsage);
   } catch (const Failure& failure) {
-    std::fprintf(stderr, "kovo: %s\n", failure.what());
-    if (!failure.advice.empty()) std::fprintf(stderr, "  %s\n", failure.advice.c_str());
+    printFailure(nullptr, failure);
     return static_cast<int>(failure.code);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "kovo: %s\n", error.what());

@@ -67,7 +67,7 @@ std::vector<std::string> OptionTable::parse(const std::vector<std::string>& argu
 }
 
 std::string OptionTable::help() const {
-  constexpr std::size_t kColumn = 28;
+  constexpr std::size_t kColumn = 26;
   std::string text;
   for (const Option& option : _options) {
     std::string left = option.letter != 0 ? std::string("  -") + option.letter + ", " : "      ";

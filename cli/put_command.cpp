@@ -1,17 +1,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <memory>
 
 #include "command.h"
 #include "common_options.h"
-#include "engine.h"
 #include "failure.h"
-#include "progress_line.h"
 #include "quantity.h"
-#include "transfer_runner.h"
+#include "safe_text.h"
+#include "secrets.h"
+#include "session.h"
 #include "url_text.h"
 #include "usage_error.h"
 
@@ -25,6 +25,8 @@ struct PutOptions {
   CommonOptions common;
   kovo_http_verb verb = KOVO_HTTP_PUT;
   std::uint64_t partSize = 8U << 20;
+
+  bool inParts() const { return common.transfer.serverType != KOVO_SERVER_TYPE_DEFAULT; }
 
   OptionTable table() {
     std::vector<Option> rows = {
@@ -44,7 +46,7 @@ struct PutOptions {
              throw UsageError("--request: '" + std::string(text) + "' is not PUT, POST or PATCH");
            }
          }},
-        {0, "part-size", "BYTES", "bytes per part with --s3 and --sync, up to 50M (default 8M)",
+        {0, "part-size", "BYTES", "bytes per part with --s3 and --sync, up to 50M\n(default 8M)",
          [this](std::string_view text) {
            partSize = parseBytes(text, "--part-size");
            if (partSize < 1 || partSize > kLargestPart) {
@@ -52,10 +54,7 @@ struct PutOptions {
            }
          }},
     };
-    std::vector<Option> shared = common.table();
-    rows.insert(rows.end(), std::make_move_iterator(shared.begin()),
-                std::make_move_iterator(shared.end()));
-    return OptionTable(std::move(rows));
+    return joined(std::move(rows), common.transferTable());
   }
 };
 
@@ -73,56 +72,64 @@ std::uint64_t requireReadableFile(const std::string& path) {
   return static_cast<std::uint64_t>(facts.st_size);
 }
 
+class PutJob : public Job {
+ public:
+  PutJob(std::uint32_t id, const PutOptions& options, const std::string& path,
+         const std::string& url, std::uint64_t size, Session& session)
+      : _options(options),
+        _path(path),
+        _url(url),
+        _size(size),
+        _transfer(id, options.common.transfer, {}, session.gate(), session.observer()) {}
+
+  Transfer& transfer() override { return _transfer; }
+  void start(kovo_instance instance) override {
+    _transfer.startUpload(instance, _options.verb, _url, _path);
+  }
+  std::string label() const override { return printable(_path.substr(_path.rfind('/') + 1)); }
+  const std::string& url() const override { return _url; }
+  std::string doing() const override { return "cannot upload to"; }
+  std::string file() const override { return printable(_path); }
+  std::uint64_t size() const override { return _size; }
+  std::string settleFailed() override {
+    return _options.inParts()
+               ? "Run the same command again to go on with the parts that are missing."
+               : "";
+  }
+
+ private:
+  const PutOptions& _options;
+  const std::string _path;
+  const std::string _url;
+  const std::uint64_t _size;
+  Transfer _transfer;
+};
+
 ExitCode runPut(const std::vector<std::string>& arguments) {
   PutOptions options;
   const std::vector<std::string> operands = options.table().parse(arguments);
   if (operands.size() != 2) throw UsageError("kovo put needs a file and a URL");
   const std::string& path = operands[0];
   const std::string& url = operands[1];
+  rememberSecretsOfUrl(url);
   requireHttpUrl(url);
   const std::uint64_t size = requireReadableFile(path);
 
-  EventGate gate;
-  SignalWatch signals(gate);
-  Terminal terminal(options.common.progress);
-  const auto started = ProgressLine::Clock::now();
-
-  const bool inParts = options.common.transfer.serverType != KOVO_SERVER_TYPE_DEFAULT;
-  EngineOptions engineOptions;
-  engineOptions.connections = options.common.connections;
+  Session session(options.common);
+  EngineOptions engineOptions = options.common.engineOptions(session.terminal());
   engineOptions.chunkSize = options.partSize;
   engineOptions.uploadBytesPerSecond = options.common.bytesPerSecond;
-  engineOptions.adaptive = options.common.adaptive;
-  engineOptions.chunkUploads = inParts;
-  engineOptions.progressInterval = progressIntervalFor(terminal);
-
-  const std::string name = printable(path.substr(path.rfind('/') + 1));
-  Transfer transfer(options.common.transfer, gate);
-  Transfer::Status status;
-  {
-    const Engine engine(engineOptions);
-    transfer.startUpload(engine.handle(), options.verb, url, path);
-    TransferRunner runner(terminal, signals, gate);
-    status = runner.follow(transfer, name, [] { return std::uint64_t{0}; });
-  }
-  const bool answered = status.httpStatus >= 200 && status.httpStatus <= 299;
-  if (status.end != Transfer::End::kCompleted || !answered) {
-    throwFailure(
-        status, "cannot upload to", url, signals.stopSignal(),
-        inParts ? "Run the same command again to go on with the parts that are missing." : "");
-  }
-  if (terminal.showsProgress()) {
-    terminal.finish(
-        summaryLine(name, size, ProgressLine::Clock::now() - started, terminal.usableColumns()));
-  }
-  return ExitCode::kOk;
+  engineOptions.chunkUploads = options.inParts();
+  return session.run(engineOptions, 1, 1, [&](std::uint32_t id) {
+    return std::make_unique<PutJob>(id, options, path, url, size, session);
+  });
 }
 
 std::string putHelp() {
   PutOptions options;
   return "Usage: kovo put FILE URL [options]\n\n"
-         "Uploads FILE to URL: in one request, or in parts at once with --s3 or --sync. An\n"
-         "interrupted upload in parts goes on when the same command is run again.\n\n" +
+         "Uploads FILE to URL: in one request, or in parts at once with --s3 or --sync.\n"
+         "An interrupted upload in parts goes on when the same command is run again.\n\n" +
          options.table().help();
 }
 

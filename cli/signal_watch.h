@@ -12,7 +12,8 @@ namespace kovo::cli {
 // Turns the signals of a terminal into state the main thread reads. Made before any other thread,
 // so that all of them inherit the blocked signals and only the watching thread sees one.
 //
-// SIGINT, SIGTERM and SIGHUP: the first is remembered, a second ends the process at once.
+// SIGINT, SIGTERM and SIGHUP: the first is remembered, a second ends the process at once. SIGTSTP
+// (Ctrl-Z) gives the cursor back before it stops the process.
 class SignalWatch {
  public:
   explicit SignalWatch(EventGate& gate);
@@ -24,6 +25,8 @@ class SignalWatch {
   int stopSignal() const { return _stopSignal; }
   // Whether the window changed since the last call.
   bool takeResize() { return _resized.exchange(false); }
+  // Whether the process was stopped and continued since the last call.
+  bool takeContinued() { return _continued.exchange(false); }
 
  private:
   void watch();
@@ -33,6 +36,7 @@ class SignalWatch {
   sigset_t _before{};
   std::atomic<int> _stopSignal = 0;
   std::atomic<bool> _resized = false;
+  std::atomic<bool> _continued = false;
   std::atomic<bool> _ending = false;
   std::thread _thread;
 };

@@ -5,33 +5,54 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <utility>
-#include <vector>
+#include <string_view>
 
+#include "body_sink.h"
 #include "event_gate.h"
+#include "failure.h"
 #include "retry_policy.h"
+#include "transfer_observer.h"
 
 namespace kovo::cli {
 
 // What the user asked of one transfer.
 struct TransferOptions {
-  std::vector<std::pair<std::string, std::string>> headers;
+  HeaderList headers;
   std::uint32_t timeoutSeconds = 30;
   std::uint32_t retries = 5;
+  std::uint32_t priority = 0;
   kovo_server_type serverType = KOVO_SERVER_TYPE_DEFAULT;
   bool validateCertificates = true;
   // Earlier runs have left bytes that a failure must not cost.
   bool foundPartial = false;
 };
 
+// What a command does itself in the course of a transfer; all on the engine's threads.
+struct TransferHooks {
+  // The headers of a successful answer. Throws Failure to end the transfer.
+  std::function<void(const HeaderList&)> inspect;
+  // Everything has come, and the library still keeps the record that a killed program would resume
+  // from. Throws Failure, or Interrupted.
+  std::function<void()> complete;
+  // Takes the body of a successful answer; of every answer with bodyOfErrors.
+  BodySink* sink = nullptr;
+  bool bodyOfErrors = false;
+  // The body to send.
+  std::string_view body;
+};
+
+// Thrown by the complete hook: stop, but keep the library's record for the next run.
+struct Interrupted {};
+
 // One transfer of an engine, from its start to its final callback. The callbacks write down what
 // they hear and wake the gate; the main thread reads it. Outlives the engine it runs on.
 class Transfer {
  public:
-  enum class End { kRunning, kCompleted, kFailed, kCancelled };
+  enum class End { kRunning, kFinishing, kCompleted, kFailed, kCancelled };
 
   struct Status {
     End end = End::kRunning;
@@ -49,9 +70,16 @@ class Transfer {
     // Requests that wait out a pause before they are sent again.
     std::uint32_t retriesWaiting = 0;
     std::uint32_t retriesMade = 0;
+    // What a hook or the sink threw; tells more than the rest.
+    std::optional<Failure> failure;
+    // A thread of the engine is held for ever, so that the record to resume from stays: the process
+    // must end without destroying the engine.
+    bool holdsRecord = false;
   };
 
-  Transfer(const TransferOptions& options, EventGate& gate);
+  // id is what the observer is told.
+  Transfer(std::uint32_t id, const TransferOptions& options, TransferHooks hooks, EventGate& gate,
+           TransferObserver& observer);
   Transfer(const Transfer&) = delete;
   Transfer& operator=(const Transfer&) = delete;
 
@@ -59,48 +87,48 @@ class Transfer {
 
   // Each throws Failure when the engine refuses the transfer.
   void startDownload(kovo_instance instance, const std::string& url, const std::string& path);
+  // To the sink: length bytes from first on; 0: all the rest.
+  void startDownloadToSink(kovo_instance instance, const std::string& url, std::uint64_t first,
+                           std::uint64_t length);
   void startUpload(kovo_instance instance, kovo_http_verb verb, const std::string& url,
                    const std::string& path);
+  void startRequest(kovo_instance instance, kovo_http_verb verb, const std::string& url,
+                    bool acceptGzip);
 
   Status status() const;
-
-  // While one lives, the completion callback does not return: the library keeps the record that a
-  // killed program would resume from until the complete file has its name.
-  class CompletionHold {
-   public:
-    explicit CompletionHold(Transfer& transfer) : _transfer(transfer) { _transfer.hold(true); }
-    ~CompletionHold() { _transfer.hold(false); }
-    CompletionHold(const CompletionHold&) = delete;
-    CompletionHold& operator=(const CompletionHold&) = delete;
-
-   private:
-    Transfer& _transfer;
-  };
 
   // Ends the transfer by the cancellation callback; what is stored can be resumed. False when the
   // transfer can no longer be called back.
   bool cancel();
 
  private:
-  class Callbacks;
+  friend class TransferCallbacks;
 
   void accepted(kovo_instance instance, kovo_error result, kovo_async_token token);
+  void onCompletion();
   void end(End how);
-  void hold(bool held);
-  void waitWhileHeld();
   void onError(std::uint32_t code, const char* message);
   void onStatusLine(std::uint32_t statusCode, const char* reason);
   void onResponseHeaders(const kovo_header_ref* headers, std::uint32_t count);
-  void onResponseBody(const std::uint8_t* data, std::uint64_t size);
+  void onResponseBody(std::uint64_t offset, const std::uint8_t* data, std::uint64_t size);
+  std::uint64_t onRequestBody(std::uint64_t offset, std::uint8_t* buffer, std::uint64_t most) const;
   void onProgress(std::uint64_t bytes, std::uint64_t total);
   void onMonitor(std::uint32_t type, const void* data, std::uint64_t length);
   void onRequestHeaders(kovo_header* headers, std::uint32_t capacity, std::uint32_t* count) const;
+  void onRequestStarted(kovo_chunk_type type, std::uint32_t number);
   // Remembers why the transfer gives up; _mutex is held.
   void noteCause(const RequestFailure& failure);
-  bool onRequestFailed(kovo_instance instance, const RequestFailure& failure);
+  bool onRequestFailed(const RequestFailure& failure);
+  // A hook or the sink has failed: the transfer is cancelled.
+  void giveUp(const Failure& failure);
+  void cancelOnceAccepted(std::unique_lock<std::mutex>& hold);
+  bool isSuccess() const { return _status.httpStatus >= 200 && _status.httpStatus <= 299; }
 
+  const std::uint32_t _id;
   const TransferOptions _options;
+  const TransferHooks _hooks;
   EventGate& _gate;
+  TransferObserver& _observer;
 
   mutable std::mutex _mutex;
   std::condition_variable _changed;
@@ -111,7 +139,6 @@ class Transfer {
   RetryPolicy _retryPolicy;
   std::chrono::seconds _retryAfter{0};
   bool _stopping = false;
-  bool _held = false;
 };
 
 }  // namespace kovo::cli

@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <cctype>
 
-#include "failure.h"
+#include "safe_text.h"
+#include "secrets.h"
 #include "usage_error.h"
 
 namespace kovo::cli {
@@ -22,6 +23,44 @@ int hexValue(char c) {
   return -1;
 }
 
+// The bounds of the authority ("user:password@host:port"); both npos without one.
+struct Authority {
+  std::size_t begin = std::string_view::npos;
+  std::size_t end = std::string_view::npos;
+};
+
+Authority findAuthority(std::string_view url) {
+  const std::size_t slashes = url.find("://");
+  if (slashes == std::string_view::npos) return {};
+  const std::size_t begin = slashes + 3;
+  return {begin, std::min(url.find_first_of("/?#", begin), url.size())};
+}
+
+// Cuts "a=1&b=2#c=3" into its parameters: the visitor gets the bounds of each value.
+void forEachParameter(std::string_view url,
+                      const std::function<void(std::string_view name, std::size_t valueBegin,
+                                               std::size_t valueEnd)>& visit) {
+  std::size_t begin = url.find_first_of("?#");
+  while (begin != std::string_view::npos) {
+    ++begin;
+    const std::size_t end = std::min(url.find_first_of("&;#", begin), url.size());
+    const std::size_t equals = url.find('=', begin);
+    if (equals < end) visit(url.substr(begin, equals - begin), equals + 1, end);
+    begin = end == url.size() ? std::string_view::npos : end;
+  }
+}
+
+// The bounds of "user:password" in the URL; an empty text without one.
+std::string_view userInfo(std::string_view url) {
+  const Authority authority = findAuthority(url);
+  if (authority.begin == std::string_view::npos) return {};
+  const std::size_t at = url.substr(0, authority.end).rfind('@');
+  if (at == std::string_view::npos || at < authority.begin) return {};
+  return url.substr(authority.begin, at - authority.begin);
+}
+
+}  // namespace
+
 std::string percentDecoded(std::string_view text) {
   std::string decoded;
   for (std::size_t i = 0; i < text.size(); ++i) {
@@ -36,43 +75,34 @@ std::string percentDecoded(std::string_view text) {
   return decoded;
 }
 
-// The bounds of the authority ("user:password@host:port"); both npos without one.
-struct Authority {
-  std::size_t begin = std::string_view::npos;
-  std::size_t end = std::string_view::npos;
-};
-
-Authority findAuthority(std::string_view url) {
-  const std::size_t slashes = url.find("://");
-  if (slashes == std::string_view::npos) return {};
-  const std::size_t begin = slashes + 3;
-  return {begin, std::min(url.find_first_of("/?#", begin), url.size())};
-}
-
-}  // namespace
-
-std::string printable(std::string_view text) {
-  std::string safe(text);
-  for (std::size_t i = 0; i < safe.size(); ++i) {
-    // 0xC2 0x80..0x9F are the control characters above ASCII; terminals may obey them too.
-    const bool highControl =
-        safe[i] == '\xC2' && i + 1 < safe.size() && static_cast<unsigned char>(safe[i + 1]) < 0xA0;
-    if (highControl) safe.replace(i, 2, "?");
-    if (isControl(safe[i])) safe[i] = '?';
+void forEachSecretOf(std::string_view url,
+                     const std::function<void(std::string_view, bool isParameter)>& visit) {
+  const std::string_view user = userInfo(url);
+  if (!user.empty()) {
+    visit(user, false);
+    const std::size_t colon = user.find(':');
+    if (colon != std::string_view::npos) visit(user.substr(colon + 1), false);
   }
-  return safe;
+  forEachParameter(url, [&](std::string_view name, std::size_t begin, std::size_t end) {
+    if (isSecretParameter(name)) visit(url.substr(begin, end - begin), true);
+  });
 }
 
 std::string displayUrl(std::string_view url) {
-  std::string shown(url);
+  std::string shown;
+  std::size_t copied = 0;
   const Authority authority = findAuthority(url);
-  if (authority.begin != std::string_view::npos) {
-    const std::size_t at = url.substr(0, authority.end).rfind('@');
-    if (at != std::string_view::npos && at >= authority.begin) {
-      shown.erase(authority.begin, at + 1 - authority.begin);
-    }
+  const std::size_t user = userInfo(url).size();
+  if (user != 0) {
+    shown.append(url.substr(0, authority.begin));
+    copied = authority.begin + user + 1;
   }
-  return printable(shown);
+  forEachParameter(url, [&](std::string_view name, std::size_t begin, std::size_t end) {
+    if (!isSecretParameter(name) || begin < copied) return;
+    shown.append(url.substr(copied, begin - copied)).append("***");
+    copied = end;
+  });
+  return printable(shown.append(url.substr(copied)));
 }
 
 void requireHttpUrl(std::string_view url) {
@@ -98,31 +128,13 @@ void requireHttpUrl(std::string_view url) {
   }
 }
 
-std::string fileNameFromUrl(std::string_view url) {
+std::string lastPathSegment(std::string_view url) {
   const Authority authority = findAuthority(url);
   std::string_view path = authority.end == std::string_view::npos ? url : url.substr(authority.end);
   path = path.substr(0, path.find_first_of("?#"));
   const std::size_t slash = path.rfind('/');
   if (slash != std::string_view::npos) path.remove_prefix(slash + 1);
-  std::string name = percentDecoded(path);
-  if (name.empty()) return "index.html";
-  constexpr std::size_t kLongestName = 240;  // leaves room for the suffix of a partial file
-  const char* reason = nullptr;
-  if (name == "." || name == "..") {
-    reason = "is a folder";
-  } else if (name.find('/') != std::string::npos || name.find('\\') != std::string::npos) {
-    reason = "holds a path separator";
-  } else if (std::any_of(name.begin(), name.end(), isControl)) {
-    reason = "holds a control character";
-  } else if (name.size() > kLongestName) {
-    reason = "is too long";
-  }
-  if (reason != nullptr) {
-    throw Failure(ExitCode::kFile,
-                  "the file name in the URL " + std::string(reason) + ": " + displayUrl(url),
-                  "Choose a name with -o FILE.");
-  }
-  return name;
+  return percentDecoded(path);
 }
 
 }  // namespace kovo::cli

@@ -6,7 +6,8 @@ usage: cli_test.py KOVO [unittest options]
 
 import fcntl
 import hashlib
-import http.server
+import html.parser
+import json
 import os
 import pathlib
 import pty
@@ -15,148 +16,20 @@ import re
 import select
 import signal
 import socket
-import ssl
 import struct
 import subprocess
 import sys
 import tempfile
 import termios
-import threading
 import time
 import unittest
 
-KOVO = sys.argv.pop(1)
-PATIENCE = 60
+sys.dont_write_bytecode = True
+from cli_origin import PATIENCE, Origin
+
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
+KOVO = os.path.abspath(sys.argv.pop(1))
 CHUNK = 64 * 1024
-
-
-class Origin:
-    """A server of one resource that answers ranges, and holds or fails requests on demand."""
-
-    def __init__(self, body, certificate=None):
-        self.body = body
-        self.etag = '"first"'
-        self.lock = threading.Condition()
-        self.served = 0          # body bytes of complete answers
-        self.requests = []       # (verb, path, range, headers)
-        self.answers_left = None  # complete answers before the next request is held; None: all
-        self.held = 0
-        self.fail_with = []      # statuses of the next answers to ranges past the first
-        self.uploads = {}
-        origin = self
-
-        class Handler(http.server.BaseHTTPRequestHandler):
-            protocol_version = "HTTP/1.1"
-
-            def log_message(self, *_):
-                pass
-
-            def do_HEAD(self):
-                self.answer(head=True)
-
-            def do_GET(self):
-                self.answer(head=False)
-
-            def do_PUT(self):
-                size = int(self.headers["Content-Length"])
-                origin.uploads[self.path] = self.rfile.read(size)
-                self.reply(201, b"")
-
-            def reply(self, status, body, headers=()):
-                self.send_response(status)
-                for name, value in headers:
-                    self.send_header(name, value)
-                self.send_header("Content-Length", str(len(body)))
-                self.end_headers()
-                self.wfile.write(body)
-
-            def answer(self, head):
-                wanted = self.headers.get("Range")
-                with origin.lock:
-                    origin.requests.append((self.command, self.path, wanted, dict(self.headers)))
-                    if self.path.startswith("/missing"):
-                        fail = 404
-                    elif origin.fail_with and wanted and not wanted.startswith("bytes=0-"):
-                        fail = origin.fail_with.pop(0)
-                    else:
-                        fail = None
-                    if fail is None and not head and origin.answers_left is not None:
-                        if origin.answers_left == 0:
-                            origin.held += 1
-                            origin.lock.notify_all()
-                            origin.lock.wait_for(lambda: origin.answers_left != 0, PATIENCE)
-                            origin.held -= 1
-                        if origin.answers_left:
-                            origin.answers_left -= 1
-                if fail is not None:
-                    self.reply(fail, b"no such thing here\n", [("Content-Type", "text/plain")])
-                    return
-                body, status = origin.body, 200
-                headers = [("ETag", origin.etag), ("Accept-Ranges", "bytes")]
-                if head:
-                    self.send_response(200)
-                    for name, value in headers:
-                        self.send_header(name, value)
-                    self.send_header("Content-Length", str(len(body)))
-                    self.end_headers()
-                    return
-                match = re.fullmatch(r"bytes=(\d+)-(\d*)", wanted or "")
-                if match and int(match[1]) >= len(body):
-                    self.reply(416, b"", [("Content-Range", f"bytes */{len(body)}")])
-                    return
-                if match:
-                    first = int(match[1])
-                    last = min(int(match[2] or len(body)), len(body) - 1)
-                    status = 206
-                    headers.append(("Content-Range", f"bytes {first}-{last}/{len(body)}"))
-                    body = body[first:last + 1]
-                try:
-                    self.reply(status, body, headers)
-                except OSError:
-                    return
-                with origin.lock:
-                    origin.served += len(body)
-
-        class Server(http.server.ThreadingHTTPServer):
-            daemon_threads = True
-            request_queue_size = 64
-
-            def handle_error(self, *_):
-                pass  # clients of these tests are killed on purpose
-
-        self.server = Server(("127.0.0.1", 0), Handler)
-        self.scheme = "http"
-        if certificate:
-            context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-            context.load_cert_chain(*certificate)
-            self.server.socket = context.wrap_socket(self.server.socket, server_side=True,
-                                                     do_handshake_on_connect=False)
-            self.scheme = "https"
-        self.port = self.server.server_address[1]
-        self.thread = threading.Thread(target=self.server.serve_forever, args=(0.02,), daemon=True)
-        self.thread.start()
-
-    def url(self, path="/file.bin", user=""):
-        return f"{self.scheme}://{user}127.0.0.1:{self.port}{path}"
-
-    def hold_after(self, answers):
-        with self.lock:
-            self.answers_left = answers
-
-    def release(self):
-        with self.lock:
-            self.answers_left = None
-            self.lock.notify_all()
-
-    def wait_until_held(self):
-        with self.lock:
-            if not self.lock.wait_for(lambda: self.held > 0, PATIENCE):
-                raise TimeoutError("no request is held")
-
-    def close(self):
-        self.release()
-        self.server.shutdown()
-        self.server.server_close()
 
 
 class CliTest(unittest.TestCase):
@@ -174,8 +47,8 @@ class CliTest(unittest.TestCase):
 
     def start(self, *arguments, **options):
         process = subprocess.Popen([KOVO, *arguments], cwd=self.work, env=self.environment,
-                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-                                   **options)
+                                   **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE,
+                                      "text": True, **options})
         self.addCleanup(self.finish, process)
         return process
 
@@ -187,14 +60,14 @@ class CliTest(unittest.TestCase):
                 stream.close()
         process.wait(PATIENCE)
 
-    def run_kovo(self, *arguments, expect=0):
-        process = self.start(*arguments)
-        output, errors = process.communicate(timeout=PATIENCE)
+    def run_kovo(self, *arguments, expect=0, feed=None, **options):
+        process = self.start(*arguments, stdin=subprocess.PIPE, **options)
+        output, errors = process.communicate(feed, timeout=PATIENCE)
         self.assertEqual(process.returncode, expect, errors)
         return output, errors
 
-    def get(self, *arguments, expect=0):
-        return self.run_kovo("get", "--chunk-size", str(CHUNK), *arguments, expect=expect)
+    def get(self, *arguments, **options):
+        return self.run_kovo("get", "--chunk-size", str(CHUNK), *arguments, **options)
 
     def files(self):
         return sorted(path.name for path in self.work.iterdir())
@@ -212,14 +85,14 @@ class CliTest(unittest.TestCase):
 
     def test_the_name_comes_from_the_url(self):
         for path, name in [("/a/b%20c.txt?x=/y", "b c.txt"), ("/", "index.html"),
-                           ("/d/?q", "index.html"), ("/%E2%82%AC", "\u20ac")]:
+                           ("/d/?q", "index.html"), ("/%E2%82%AC", "\u20ac"), ("/..x", "__x")]:
             with self.subTest(path):
                 self.get(self.origin.url(path))
                 self.assert_downloaded(name)
                 (self.work / name).unlink()
 
     def test_names_that_leave_the_folder_or_disturb_a_terminal_are_refused(self):
-        for path in ["/..%2fescape", "/a%5Cb", "/x%1b%5B2J", "/%2e%2e"]:
+        for path in ["/..%2fescape", "/a%5Cb", "/x%1b%5B2J", "/%2e%2e", "/a%E2%80%AEb", "/a%C2%9Bb", "/%ff"]:
             with self.subTest(path):
                 _, errors = self.get(self.origin.url(path), expect=7)
                 self.assertIn("-o FILE", errors)
@@ -259,7 +132,216 @@ class CliTest(unittest.TestCase):
         self.assertIn(right, errors)
         self.assertFalse((self.work / "other").exists())
 
+    # Several URLs, lists, parts
+
+    def test_several_urls(self):
+        url = self.origin.url
+        _, errors = self.get(url("/a"), url("/missing"), url("/b"), "--dir", "new/folder", expect=3)
+        self.assertIn("/missing", errors)
+        self.assertEqual([(self.work / "new/folder" / name).read_bytes() for name in "ab"],
+                         [self.body] * 2)
+        (self.work / "old").write_text("precious")
+        self.get(url("/old"), url("/missing"), expect=9)  # the first in order, not in time
+        self.get(url("/missing"), url("/old"), expect=3)
+        self.get("--force", url("/x/same"), url("/y/same"), expect=9)
+        listed = f"# comment\n\n  {url('/old')}\r\n{url('/fresh')}\n"
+        self.get("-i", "-", "--parallel", "1", "--skip-existing", feed=listed)
+        self.assertEqual(self.files(), ["fresh", "new", "old", "same"])
+        self.assertEqual((self.work / "old").read_text(), "precious")
+        self.get("-i", "nothing", expect=7)
+
+    def test_the_name_may_come_from_the_server(self):
+        for header, name in [
+                ('attachment; filename="a b.txt"', "a b.txt"), ("inline; filename=c;x=y", "c"),
+                (r'attachment; filename="..\\..\\up/../d"', "d"), ('a; filename=".profile"', "_profile"),
+                ("a; filename=\"no\"; filename*=UTF-8''na%C3%AFve%1b%E2%80%AE.txt", "na\u00efve__.txt"),
+                ("a; filename*=UTF-8''..%2f..%2fe", "e"), ('a; filename=".."', "file.bin"),
+                ('a; filename="f._kstmp"', "f._kstmp_"), ('a; filename="%s"' % ("x" * 300), "file.bin"),
+                ("inline", "file.bin")]:
+            with self.subTest(header):
+                self.origin.extra_headers = [("Content-Disposition", header)]
+                self.get("--content-disposition", self.origin.url())
+                self.assert_downloaded(name)
+                _, errors = self.get("-J", self.origin.url(), expect=9)
+                self.assertIn("--force", errors)
+                self.get("-J", "--skip-existing", self.origin.url())
+                self.assert_downloaded(name)
+                (self.work / name).unlink()
+
+    def test_parts_and_standard_output(self):
+        size = len(self.body)
+        for option, first, end in [(None, 0, size), ("0-0", 0, 1), (f"100-{3 * CHUNK}", 100, 3 * CHUNK + 1),
+                                   (f"{size - 7}-", size - 7, size), (f"5-{size + 50}", 5, size)]:
+            with self.subTest(option):
+                wanted = self.body[first:end]
+                part = ["--range", option] if option else []
+                output, _ = self.get("--stdout", *part, self.origin.url(), text=False)
+                self.assertEqual(output, wanted)
+                if option:
+                    self.get(*part, "--sha256", hashlib.sha256(wanted).hexdigest(), "-o", "part",
+                             "--force", self.origin.url())
+                    self.assertEqual((self.work / "part").read_bytes(), wanted)
+        (self.work / "part").unlink()
+        self.origin.fail_with = [503, 500, 503]
+        output, _ = self.get("--stdout", self.origin.url(), text=False)
+        self.assertEqual(output, self.body)
+        _, errors = self.get("-r", f"{size}-", self.origin.url(), expect=3)
+        self.assertIn("416", errors)
+        _, errors = self.get("--stdout", self.origin.url("/missing"), expect=3)
+        self.assertEqual(self.files(), [])
+
+    def test_a_reader_that_ends_is_a_failure_not_a_hang(self):
+        process = self.start("get", "--stdout", "--chunk-size", str(CHUNK), self.origin.url(), text=False)
+        process.stdout.read(1000)
+        process.stdout.close()
+        self.assertEqual(process.wait(PATIENCE), 7)
+
+    # Events and traces
+
+    def test_events_and_the_trace_tell_everything_but_secrets(self):
+        self.origin.fail_with = [503]
+        secrets = ["topsecret", "hunter2", "c2lnbmVk", "proxypass", "Zm9vYmFy"]
+        url = self.origin.url("/file.bin?sv=1&sig=c2lnbmVk", "joe:hunter2@")
+        output, errors = self.get(
+            "--json", "--trace", "trace.html", "-H", "Authorization: Bearer topsecret", "--proxy-user",
+            "me:proxypass", url, self.origin.url("/missing?X-Amz-Signature=Zm9vYmFy"), expect=3)
+        events = [json.loads(line) for line in output.splitlines()]
+        names = [event["event"] for event in events if event["id"] == 1]
+        self.assertEqual([names[0], names[-1]], ["started", "done"])
+        self.assertLess({"headers", "progress", "retry"}, set(names))
+        self.assertEqual([event["exitCode"] for event in events if event["event"] == "error"], [3])
+        self.assertEqual([event["bytes"] for event in events if event["event"] == "done"],
+                         [len(self.body)])
+        (self.work / "mine").write_text("precious")
+        self.get("--trace", "mine", "--force", self.origin.url(), expect=9)
+        page = (self.work / "trace.html").read_text()
+        notes = b"".join(path.read_bytes() for path in pathlib.Path(self.folder.name).glob(
+            "data/Orvel/KOVO/partial/*"))
+        for secret in secrets:
+            self.assertNotIn(secret, output + errors + page + notes.decode())
+        self.assertIn("sig=***", page)
+
+        class Page(html.parser.HTMLParser):
+            def __init__(self):
+                super().__init__()
+                self.open, self.data, self.faults = [], {}, []
+
+            def handle_starttag(self, tag, attributes):
+                if tag not in ("meta", "link", "br"):
+                    self.open.append((tag, dict(attributes).get("id")))
+                if {"src", "href"} & dict(attributes).keys():
+                    self.faults.append(tag)
+
+            def handle_endtag(self, tag):
+                if self.open.pop()[0] != tag:
+                    self.faults.append(tag)
+
+            def handle_data(self, text):
+                if self.open:
+                    self.data[self.open[-1]] = text
+
+        parsed = Page()
+        parsed.feed(page)
+        self.assertEqual((parsed.faults, parsed.open), ([], []))
+        trace = json.loads(parsed.data["script", "data"])
+        chunks = [request[3] for request in trace["requests"] if request[0] == 1]
+        self.assertEqual(set(chunks), set(range(21)))
+        self.assertEqual(len(chunks), 22)  # one was sent again
+        for _, lane, _, _, begin, end, *_ in trace["requests"]:
+            self.assertLess(lane, trace["lanes"])
+            self.assertLessEqual(begin, end)
+        self.assertEqual(trace["samples"][-1][1], len(self.body))
+        self.assertTrue(trace["workers"])
+
+    def test_what_servers_say_cannot_disturb_a_terminal(self):
+        self.origin.extra_headers = [("X-Evil", "\u009b2J\u202e".encode().decode("latin-1"))]
+        output, _ = self.get("--json", self.origin.url())
+        self.assertNotRegex(output, "[\x00-\x09\x0b-\x1f\x7f-\x9f\u202a-\u202e]")
+
+    # Other commands
+
+    def test_request(self):
+        url = self.origin.url
+        (self.work / "body").write_bytes(b"from a file")
+        for arguments, answer in [((url("/x"), "-d", "some text"), "POST some text"),
+                                  ((url("/x"), "-X", "PATCH", "-d", "@body"), "PATCH from a file"),
+                                  ((url("/x"), "-X", "DELETE"), "DELETE ")]:
+            with self.subTest(arguments):
+                output, errors = self.run_kovo("request", *arguments)
+                self.assertEqual((output, errors), (answer, ""))
+        output, _ = self.run_kovo("request", "-i", url("/x"), "-d", "@-", feed="piped")
+        self.assertRegex(output, r"(?s)^HTTP 200 OK\n.*X-Answer: yes.*\n\nPOST piped$")
+        self.assertNotIn("\x1b", output)
+        output, errors = self.run_kovo("request", url("/bad"), "-d", "x", expect=3)
+        self.assertEqual(output, "POST x")
+        self.assertIn("400", errors)
+        output, _ = self.run_kovo("request", url("/file.bin"), text=False)
+        self.assertEqual(output, self.body)
+        output, _ = self.run_kovo("request", "-X", "HEAD", url("/file.bin"))
+        self.assertIn(f"Content-Length: {len(self.body)}\n", output)
+
+    def test_cache_and_resume_commands(self):
+        self.get("--cache", self.origin.url())
+        self.get("--cache", "--force", self.origin.url())
+        output, _ = self.run_kovo("cache", "info")
+        self.assertIn("Orvel/KOVO", output)
+        self.run_kovo("cache", "clear")
+        (self.work / "file.bin").unlink()
+        process = self.interrupted_get(10)
+        _, errors = self.run_kovo("resume", "clear", expect=7)
+        self.assertIn("being downloaded", errors)
+        process.kill()
+        process.wait(PATIENCE)
+        self.origin.release()
+        output, _ = self.run_kovo("resume", "list")
+        self.assertIn(str(self.work / "file.bin._kstmp"), output)
+        self.assertIn(self.origin.url(), output)
+        self.run_kovo("resume", "clear", "file.bin")
+        self.assertEqual(self.files(), [])
+        self.assertNotIn("file.bin", self.run_kovo("resume", "list")[0])
+        self.get(self.origin.url())  # the library's record of the removed bytes misleads nobody
+        self.assert_downloaded()
+
+    def test_man_page_and_completions_know_every_option(self):
+        texts = {name: (SOURCE / name).read_text() for name in (
+            "docs/man/kovo.1", "packaging/completions/kovo.bash", "packaging/completions/_kovo",
+            "packaging/completions/kovo.fish")}
+        manual = texts["docs/man/kovo.1"] = texts["docs/man/kovo.1"].replace("\\-", "-")
+        fish = "packaging/completions/kovo.fish"
+        texts[fish] = re.sub(r" -s (\w) ", r" -\1 ", re.sub(r" -l ([\w-]+)", r" --\1", texts[fish]))
+        for command in ("get", "put", "request"):
+            options = re.findall(r"(?m)^  (?:-(\w), |    )--([\w-]+)",
+                                 self.run_kovo("help", command)[0])
+            self.assertGreater(len(options), 8)
+            # What bash really completes.
+            script = (f'. "{SOURCE}/packaging/completions/kovo.bash"; compopt() {{ :; }}; '
+                      f'COMP_WORDS=(kovo {command} --); COMP_CWORD=2; _kovo; echo "${{COMPREPLY[@]}}"')
+            completed = subprocess.run(["bash", "-c", script], capture_output=True, text=True,
+                                       check=True).stdout.split()
+            for letter, name in options:
+                self.assertIn(f"--{name}", completed)
+                for file, text in texts.items():
+                    self.assertRegex(text, rf"--{name}\b", file)
+                    self.assertRegex(text, rf"-{letter}\b" if letter else ".", file)
+        for code in (0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 130):
+            self.assertRegex(manual, rf"(?m)^\.B {code}$")
+
     # Interruption
+
+    def test_ctrl_c_during_the_check_costs_nothing(self):
+        self.body = self.origin.body = bytes(160 << 20)
+        wanted = ["--sha256", hashlib.sha256(self.body).hexdigest(), "--chunk-size", "8M", "--json"]
+        process = self.start("get", *wanted, self.origin.url())
+        while json.loads(process.stdout.readline())["event"] != "verifying":
+            pass
+        process.send_signal(signal.SIGINT)
+        _, errors = process.communicate(timeout=PATIENCE)
+        self.assertEqual(process.returncode, 130, errors)
+        self.assertIn("again", errors)
+        self.origin.served = 0
+        self.run_kovo("get", *wanted, self.origin.url())
+        self.assert_downloaded()
+        self.assertEqual(self.origin.served, 0)
 
     def interrupted_get(self, answers):
         """A download of which answers have come, held in the middle."""
@@ -396,7 +478,12 @@ class CliTest(unittest.TestCase):
 
     def test_command_lines_that_cannot_be_understood(self):
         url = self.origin.url()
-        for arguments in [[], ["fetch", url], ["get"], ["get", url, url], ["get", "--nope", url],
+        for arguments in [[], ["fetch", url], ["get"], ["get", "-o", "x", url, url], ["get", "--stdout", url, url],
+                          ["get", "-r", "5-2", url], ["get", "-r", "-5", url],
+                          ["get", "--stdout", "--json", url], ["get", "-o", "x", "-d", "y", url],
+                          ["get", "--sha256", "0" * 64, url, url], ["cache"], ["resume", "x"],
+                          ["request", "-X", "BREW", url], ["request", "-X", "GET", "-d", "x", url],
+                          ["get", "--nope", url],
                           ["get", "ftp://x/y"], ["get", "host/file"], ["get", "http:///file"],
                           ["get", "--connections", "0", url], ["get", "--connections", "65", url],
                           ["get", "--chunk-size", "51M", url], ["get", "--chunk-size", "8X", url],
@@ -431,7 +518,7 @@ class CliTest(unittest.TestCase):
 
     # The terminal
 
-    def on_terminal(self, columns, *arguments):
+    def on_terminal(self, columns, *arguments, stdout=subprocess.DEVNULL, shell=()):
         """Runs kovo with a terminal as its standard error; returns a function that reads it."""
         master, slave = pty.openpty()
         self.addCleanup(os.close, master)
@@ -441,8 +528,8 @@ class CliTest(unittest.TestCase):
             os.setsid()
             fcntl.ioctl(slave, termios.TIOCSCTTY, 0)
 
-        process = subprocess.Popen([KOVO, *arguments], cwd=self.work, env=self.environment,
-                                   stdin=slave, stdout=subprocess.DEVNULL, stderr=slave,
+        process = subprocess.Popen([*shell, KOVO, *arguments], cwd=self.work, env=self.environment,
+                                   stdin=slave, stdout=stdout, stderr=slave,
                                    preexec_fn=own_terminal)
         self.addCleanup(self.finish, process)
         os.close(slave)
@@ -505,9 +592,83 @@ class CliTest(unittest.TestCase):
             80, "get", "--chunk-size", str(CHUNK), self.origin.url())
         read_until(lambda text: re.search(r"[1-9]\d?%", text))
         os.write(master, b"\x03")
-        text = read_until(lambda text: "again" in text)
+        text = read_until(lambda text: "\x1b[?25h" in text)
         self.assertEqual(process.wait(PATIENCE), 130)
-        self.assertIn("\x1b[?25h", text)
+        self.assertIn("again", text)
+
+    def test_a_stopped_job_gives_the_cursor_back_and_goes_on(self):
+        self.origin.hold_after(10)
+        process, master, read_until = self.on_terminal(
+            80, "get", "--chunk-size", str(CHUNK), self.origin.url(),
+            shell=["bash", "-m", "-c", '"$@"; echo stopped >&2; fg >&2', "-"])
+        self.origin.wait_until_held()
+        read_until(lambda text: "\x1b[?25l" in text)
+        os.write(master, b"\x1a")
+        text = read_until(lambda text: "stopped" in text)
+        self.assertIn("\x1b[?25h", text.split("stopped")[0])
+        self.origin.release()
+        read_until(lambda text: " in " in text)
+        self.assertEqual(process.wait(PATIENCE), 0)
+        self.assert_downloaded()
+
+    def test_a_second_ctrl_c_ends_at_once(self):
+        (self.work / "up").write_bytes(b"x")
+        self.origin.hold_after(0)
+        process, master, read_until = self.on_terminal(
+            80, "put", "--json", "up", self.origin.url("/stalling"), stdout=subprocess.PIPE)
+        while json.loads(process.stdout.readline())["event"] != "headers":
+            pass
+        os.write(master, b"\x03")
+        read_until(lambda text: "Ctrl-C again" in text)
+        while process.poll() is None:  # one that follows at once counts as the same
+            os.write(master, b"\x03")
+            time.sleep(0.05)
+        self.assertEqual(process.returncode, 130)
+        read_until(lambda text: text.count("\x1b[?25h") == text.count("\x1b[?25l") == 1)
+
+    def test_several_transfers_on_a_terminal(self):
+        for columns in (100, 40, 20):
+            with self.subTest(columns):
+                self.origin.hold_after(10)
+                process, _, read_until = self.on_terminal(
+                    columns, "get", "--chunk-size", str(CHUNK), "--force", "--progress=always",
+                    *(self.origin.url(f"/{name}") for name in "abc"), self.origin.url("/missing"))
+                self.origin.wait_until_held()
+                text = read_until(lambda text: "1 of 4" in text if columns > 20 else "%" in text)
+                self.origin.release()
+                read_until(lambda text: text.count(" in ") >= 3 if columns > 20 else "?25h" in text)
+                self.assertEqual(process.wait(PATIENCE), 3)
+                text = read_until(lambda text: "\x1b[?25h" in text)
+                for line in self.drawn_lines(text):
+                    if not re.search("missing|Check|no such", line):
+                        self.assertLess(len(line), columns, line)
+                # What stays are the summaries and the failure: every other line was taken away.
+                screen = [line for line in self.screen_after(text) if line]
+                self.assertEqual(sum(" in " in line or "..." in line for line in screen), 3, screen)
+                self.assertEqual(len(screen), 6, screen)
+
+    @staticmethod
+    def screen_after(text):
+        """What a terminal without a right edge shows after the text."""
+        rows, row = [""], 0
+        column = 0
+        for piece in re.findall(r"\x1b\[[?\d]*[a-zA-Z]|[\r\n]|[^\x1b\r\n]+", text):
+            if piece == "\r":
+                column = 0
+            elif piece == "\n":
+                row += 1
+                rows.extend([""] * (row + 1 - len(rows)))
+            elif piece.endswith("A"):
+                row -= int(piece[2:-1])
+            elif piece.endswith("K"):
+                rows[row] = rows[row][:column]
+            elif piece.endswith("J"):
+                rows[row] = rows[row][:column]
+                del rows[row + 1:]
+            elif not piece.startswith("\x1b"):
+                rows[row] = rows[row][:column].ljust(column) + piece + rows[row][column + len(piece):]
+                column += len(piece)
+        return rows
 
     def test_a_resumed_download_counts_what_is_there(self):
         process = self.interrupted_get(15)

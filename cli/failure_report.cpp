@@ -1,18 +1,12 @@
-#include "transfer_runner.h"
+#include "failure_report.h"
 
-#include <algorithm>
-#include <chrono>
-
-#include "failure.h"
 #include "failure_class.h"
-#include "progress_line.h"
+#include "safe_text.h"
 #include "url_text.h"
 
 namespace kovo::cli {
 
 namespace {
-
-using namespace std::chrono_literals;
 
 // The first line of what a server said, short enough to quote.
 std::string quoted(const std::string& text) {
@@ -30,11 +24,13 @@ std::string adviceFor(ExitCode kind, const Transfer::Status& status) {
       if (status.httpStatus == 401 || status.httpStatus == 403) {
         return "The server wants credentials: give them with --header 'Authorization: ...'.";
       }
-      if (status.httpStatus == 407) return "The proxy wants credentials: put them into http_proxy.";
+      if (status.httpStatus == 407)
+        return "The proxy wants credentials: give them with --proxy-user.";
       if (status.httpStatus == 404 || status.httpStatus == 410) return "Check the URL.";
       if (status.httpStatus == 429 || status.httpStatus == 503) {
         return "The server is busy: try again later, or with fewer --connections.";
       }
+      if (status.httpStatus == 416) return "The resource is shorter than the range asked for.";
       return "";
     case ExitCode::kNetwork:
       return isUnreachable(status.errorMessage)
@@ -52,59 +48,33 @@ std::string adviceFor(ExitCode kind, const Transfer::Status& status) {
   }
 }
 
-}  // namespace
-
-Transfer::Status TransferRunner::follow(Transfer& transfer, const std::string& name,
-                                        const std::function<std::uint64_t()>& storedBefore) {
-  ProgressLine line(name);
-  std::uint64_t before = 0;
-  bool begun = false;
-  bool cancelling = false;
-  bool cancellable = true;
-  while (true) {
-    Transfer::Status status = transfer.status();
-    if (!begun && status.bytesTransferred != 0) {
-      begun = true;
-      const std::uint64_t stored = storedBefore();
-      before = stored > status.bytesTransferred ? stored - status.bytesTransferred : 0;
+// The library's message without the names of its codes, which say nothing beside it.
+std::string plain(const Transfer::Status& status) {
+  std::string text = status.errorMessage;
+  for (const std::string& prefix :
+       {std::string(kovoErrorString(status.errorCode)) + ". ", std::string("Error: ")}) {
+    if (text.size() > prefix.size() && text.compare(0, prefix.size(), prefix) == 0) {
+      text.erase(0, prefix.size());
     }
-    if (status.end != Transfer::End::kRunning) return status;
-
-    if (_signals.stopSignal() != 0 && !cancelling) {
-      cancelling = true;
-      cancellable = transfer.cancel();
-      if (!cancellable) {
-        _terminal.message(
-            "kovo: the server has everything already; waiting for its answer "
-            "(Ctrl-C again ends at once)");
-      }
-    }
-    if (_terminal.showsProgress()) {
-      std::string note;
-      if (cancelling && cancellable) {
-        note = "stopping";
-      } else if (status.retriesWaiting != 0) {
-        note = "waiting to retry";
-      } else if (!begun) {
-        note = status.httpStatus == 0 ? "connecting" : "waiting for data";
-      }
-      const ProgressState state{status.bytesTransferred + before, status.bytesTotal,
-                                status.connections};
-      _terminal.draw(line.text(state, ProgressLine::Clock::now(), _terminal.usableColumns(), note));
-    }
-    // Without a line to draw nothing but an event needs this thread.
-    _gate.waitFor(_terminal.showsProgress() ? 100ms : 10000ms);
-    _signals.takeResize();
   }
+  return text;
 }
 
-void throwFailure(const Transfer::Status& status, const std::string& doing, const std::string& url,
-                  int stopSignal, const std::string& resumeHint) {
+}  // namespace
+
+Failure describeFailure(const Transfer::Status& status, const std::string& doing,
+                        const std::string& url, int stopSignal, const std::string& resumeHint) {
   const std::string where = doing + " " + displayUrl(url);
+  if (status.failure) {
+    std::string advice = status.failure->advice;
+    if (!resumeHint.empty()) advice += (advice.empty() ? "" : "\n  ") + resumeHint;
+    if (status.failure->code == ExitCode::kOk) return *status.failure;
+    return {status.failure->code, where + ": " + status.failure->what(), advice};
+  }
   if (status.end == Transfer::End::kCancelled && status.errorCode == 0) {
-    throw Failure(
+    return Failure(
         stopSignal == 0 ? ExitCode::kInterrupted : static_cast<ExitCode>(128 + stopSignal),
-        "interrupted: " + where, resumeHint);
+        "interrupted: " + displayUrl(url), resumeHint);
   }
   const ExitCode kind = classify(status.errorCode, status.httpStatus, status.errorMessage);
   std::string what = where + ": ";
@@ -116,7 +86,7 @@ void throwFailure(const Transfer::Status& status, const std::string& doing, cons
     const std::string words = quoted(status.serverText);
     if (!words.empty()) what += "\n  \"" + words + "\"";
   } else if (!status.errorMessage.empty()) {
-    what += printable(status.errorMessage);
+    what += printable(plain(status));
   } else if (status.errorCode != 0) {
     what +=
         kind == ExitCode::kNetwork ? "the connection failed" : kovoErrorString(status.errorCode);
@@ -130,7 +100,7 @@ void throwFailure(const Transfer::Status& status, const std::string& doing, cons
   }
   std::string advice = adviceFor(kind, status);
   if (!resumeHint.empty()) advice += (advice.empty() ? "" : "\n  ") + resumeHint;
-  throw Failure(kind == ExitCode::kOk ? ExitCode::kOther : kind, what, advice);
+  return Failure(kind == ExitCode::kOk ? ExitCode::kOther : kind, what, advice);
 }
 
 }  // namespace kovo::cli
