@@ -461,6 +461,28 @@ TEST(WholeAnswer, CutBodyIsAnErrorInEveryMode) {
   }
 }
 
+TEST(KeptConnection, WithAnAnswerNobodyAskedForIsNotUsedAgain) {
+  const std::string stray = "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nWRONG";
+  Gate received;
+  Gate sent;
+  FaultOrigin origin([&](const OriginRequest& request, Responder& to) {
+    to.respond(200, {}, "right");
+    if (request.index == 0) {
+      to.stallUntil(received);
+      to.raw(stray);
+      sent.open();
+    }
+  });
+  TestEngine engine(smallChunksUncached());
+  const TransferRecord& first = engine.sendRequest(KOVO_HTTP_GET, origin.url());
+  ASSERT_TRUE(engine.wait(first));
+  received.open();
+  ASSERT_TRUE(sent.waitFor(std::chrono::seconds(10)));
+  const TransferRecord& second = engine.sendRequest(KOVO_HTTP_GET, origin.url());
+  ASSERT_TRUE(engine.wait(second));
+  EXPECT_EQ(second.events().wholeBody(), "right");
+}
+
 TEST(BadUrl, EndsInAnErrorCallback) {
   TestEngine engine(smallChunksUncached());
   for (const std::string url :

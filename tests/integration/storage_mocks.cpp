@@ -60,9 +60,11 @@ std::string hmacSha1Base64(const std::string& key, const std::string& text) {
   return base64(digest, size);
 }
 
-StorageMock::StorageMock(Intercept intercept)
+StorageMock::StorageMock(Intercept intercept, bool bodiesLater)
     : _intercept(std::move(intercept)),
-      _origin([this](const OriginRequest& request, Responder& to) { answer(request, to); }) {}
+      _bodiesLater(bodiesLater),
+      _origin([this](const OriginRequest& request, Responder& to) { answer(request, to); },
+              {.readsBodies = !bodiesLater}) {}
 
 void StorageMock::setProvider(const std::string& provider) {
   const std::lock_guard guard(_mutex);
@@ -111,6 +113,16 @@ void StorageMock::answer(const OriginRequest& request, Responder& to) {
       return;
     }
   }
+  if (_bodiesLater) {
+    OriginRequest whole = request;
+    whole.body = to.readBody();
+    answerWhole(whole, to);
+  } else {
+    answerWhole(request, to);
+  }
+}
+
+void StorageMock::answerWhole(const OriginRequest& request, Responder& to) {
   if (startsWith(request.path, "/assets/") || startsWith(request.path, "/finalise/")) {
     answerSync(request, to);
   } else {

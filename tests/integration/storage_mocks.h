@@ -33,7 +33,8 @@ class StorageMock {
   /** Asked with the lock free, on the connection's thread; an answer is sent as it is. */
   using Intercept = std::function<std::optional<Refusal>(const OriginRequest&, Responder&)>;
 
-  explicit StorageMock(Intercept intercept = {});
+  /** With bodiesLater, intercept sees a request before its body has been read. */
+  explicit StorageMock(Intercept intercept = {}, bool bodiesLater = false);
 
   std::string url(std::string_view path) const { return _origin.url(path); }
   FaultOrigin& origin() { return _origin; }
@@ -67,6 +68,7 @@ class StorageMock {
   };
 
   void answer(const OriginRequest& request, Responder& to);
+  void answerWhole(const OriginRequest& request, Responder& to);
   void answerS3(const OriginRequest& request, Responder& to);
   void answerSync(const OriginRequest& request, Responder& to);
   void storePart(const OriginRequest& request, Responder& to);
@@ -76,6 +78,7 @@ class StorageMock {
   std::string plan(const std::string& path);
 
   const Intercept _intercept;
+  const bool _bodiesLater;
   mutable std::mutex _mutex;
   std::string _provider = "aws";
   std::function<std::string(std::string)> _planFilter;

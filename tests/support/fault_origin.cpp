@@ -44,8 +44,13 @@ size_t FaultOrigin::requestCount() const {
   return _requests.size();
 }
 
+void FaultOrigin::stopListening() {
+  _refusing = true;
+  ::shutdown(_listener.get(), SHUT_RDWR);
+}
+
 void FaultOrigin::acceptLoop() {
-  while (!_stopping.load()) {
+  while (!_stopping.load() && !_refusing.load()) {
     pollfd event{_listener.get(), POLLIN, 0};
     if (::poll(&event, 1, 100) <= 0) continue;
     UniqueFd socket(::accept4(_listener.get(), nullptr, nullptr, SOCK_CLOEXEC));

@@ -49,6 +49,9 @@ class FaultOrigin {
   /** Lets everything go on that waits in Responder::stall(), now and later. */
   void release() { _release.open(); }
 
+  /** New connections are refused from now on; those there are stay. */
+  void stopListening();
+
   /** The requests so far in order of arrival, without their bodies when longer than 64 KiB. */
   std::vector<OriginRequest> requests() const;
   size_t requestCount() const;
@@ -76,6 +79,7 @@ class FaultOrigin {
 
   /* Synchronised by themselves. */
   std::atomic<bool> _stopping{false};
+  std::atomic<bool> _refusing{false};
   std::atomic<size_t> _connectionsOpened{0};
   std::atomic<uint64_t> _bytesSent{0};
   std::atomic<size_t> _answering{0};

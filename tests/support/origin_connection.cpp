@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <utility>
 #include <vector>
 
 #include "support/resource.h"
@@ -136,26 +137,19 @@ std::string OriginConnection::readBody(const OriginRequest& request) {
 void OriginConnection::send(std::string_view bytes) {
   while (!bytes.empty()) {
     size_t count = bytes.size();
-    if (_rate != 0) {
-      count = std::clamp<uint64_t>(_rate * static_cast<uint64_t>(kSlice.count()) / 1000, 1, count);
+    const uint64_t rate = _rate; /* an action may change it for what follows */
+    if (rate != 0) {
+      count = std::clamp<uint64_t>(rate * static_cast<uint64_t>(kSlice.count()) / 1000, 1, count);
     }
-    bool cut = false;
-    if (_bytesToCut && *_bytesToCut <= count) {
-      count = *_bytesToCut;
-      cut = true;
-    }
+    if (_action) count = std::min<uint64_t>(count, _bytesToAction);
     sendAtOnce(bytes.substr(0, count));
     bytes.remove_prefix(count);
-    if (_bytesToCut) *_bytesToCut -= count;
-    if (cut) {
-      _cutWithReset ? reset() : close();
-      throw ConnectionOver();
-    }
-    if (_rate != 0) {
+    if (_action && (_bytesToAction -= count) == 0) std::exchange(_action, nullptr)();
+    if (rate != 0) {
       const auto now = steady_clock::now();
       /* A late wake-up is made up for, a pause of the client is not. */
       _nextSend = std::max(_nextSend, now - 5 * kSlice) +
-                  std::chrono::nanoseconds(count * 1'000'000'000 / _rate);
+                  std::chrono::nanoseconds(count * 1'000'000'000 / rate);
       if (_nextSend > now) {
         waitFor(std::chrono::ceil<milliseconds>(_nextSend - now));
       }
@@ -186,9 +180,16 @@ void OriginConnection::sendResource(const Resource& resource, uint64_t offset, u
   }
 }
 
+void OriginConnection::afterBytes(uint64_t bytes, std::function<void()> action) {
+  _action = std::move(action);
+  _bytesToAction = bytes;
+}
+
 void OriginConnection::cutAfter(uint64_t bytes, bool withReset) {
-  _bytesToCut = bytes;
-  _cutWithReset = withReset;
+  afterBytes(bytes, [this, withReset] {
+    withReset ? reset() : close();
+    throw ConnectionOver();
+  });
 }
 
 void OriginConnection::setRate(uint64_t bytesPerSecond) {

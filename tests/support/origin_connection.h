@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <span>
@@ -36,6 +37,9 @@ class OriginConnection {
   void send(std::string_view bytes);
   void sendResource(const class Resource& resource, uint64_t offset, uint64_t length);
 
+  /** Between the bytes so many from here and the next one, action happens; it replaces another
+   * that is still due. */
+  void afterBytes(uint64_t bytes, std::function<void()> action);
   /** After so many more bytes the connection ends, gracefully or with a reset. */
   void cutAfter(uint64_t bytes, bool withReset);
   /** Bytes per second over the whole life of the connection; 0: unlimited. */
@@ -72,8 +76,8 @@ class OriginConnection {
   /* Owned by the connection's thread. */
   std::string _received;
   size_t _requestsRead = 0;
-  std::optional<uint64_t> _bytesToCut;
-  bool _cutWithReset = false;
+  std::function<void()> _action; /* due after _bytesToAction more bytes */
+  uint64_t _bytesToAction = 0;
   uint64_t _rate = 0;
   std::chrono::steady_clock::time_point _nextSend{};
 };

@@ -1,6 +1,8 @@
 #include "support/responder.h"
 
+#include <algorithm>
 #include <charconv>
+#include <utility>
 
 namespace kovo::test {
 
@@ -60,8 +62,22 @@ std::string_view reasonOf(int status) {
 void Responder::head(int status, const Headers& headers) {
   std::string text = "HTTP/1.1 " + std::to_string(status) + ' ' + std::string(reasonOf(status));
   text += "\r\n";
-  for (const auto& [name, value] : headers) text += name + ": " + value + "\r\n";
-  raw(text + "\r\n");
+  uint64_t length = 0;
+  for (const auto& [name, value] : headers) {
+    text += name + ": " + value + "\r\n";
+    if (name == "Content-Length") {
+      std::from_chars(value.data(), value.data() + value.size(), length);
+    }
+  }
+  text += "\r\n";
+  if (_action) {
+    const uint64_t body = _moment == Moment::kMiddle     ? length / 2
+                          : _moment == Moment::kLastByte ? std::max<uint64_t>(length, 1) - 1
+                                                         : 0;
+    _connection.afterBytes(_moment == Moment::kHead ? text.size() / 2 : text.size() + body,
+                           std::exchange(_action, nullptr));
+  }
+  raw(text);
 }
 
 void Responder::respond(int status, const Headers& headers, std::string_view body) {
@@ -87,6 +103,11 @@ void Responder::endlessHeaders() {
   raw("HTTP/1.1 200 OK\r\n");
   const std::string line = "X-Filler: " + std::string(1000, 'x') + "\r\n";
   for (;;) raw(line);
+}
+
+void Responder::drip(uint64_t bytes, uint64_t rate) {
+  _connection.setRate(rate);
+  _connection.afterBytes(bytes, [&connection = _connection] { connection.setRate(0); });
 }
 
 void Responder::close() {

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -13,6 +14,10 @@
 namespace kovo::test {
 
 enum class Cut { kClose, kReset };
+
+/** A place in an answer: inside its head, or before the first, the middle or the last byte of a
+ * body with a Content-Length. */
+enum class Moment { kHead, kFirstByte, kMiddle, kLastByte };
 
 /**
  * What a handler of a FaultOrigin answers with. Every member may end the handler by throwing
@@ -44,6 +49,11 @@ class Responder {
   void cutAfter(uint64_t bytes, Cut cut = Cut::kClose) {
     _connection.cutAfter(bytes, cut == Cut::kReset);
   }
+  /** Something that happens while the next answer goes out, which must have that byte. */
+  void during(Moment moment, std::function<void()> action) {
+    _moment = moment;
+    _action = std::move(action);
+  }
   /** Ends the connection now. */
   [[noreturn]] void close();
   [[noreturn]] void reset();
@@ -55,6 +65,8 @@ class Responder {
   void stall() { _connection.waitFor(_release); }
   void stallUntil(const Gate& gate) { _connection.waitFor(gate); }
   void stallFor(std::chrono::milliseconds time) { _connection.waitFor(time); }
+  /** So many more bytes go out at this rate, in bytes per second. */
+  void drip(uint64_t bytes, uint64_t rate);
   /** Bytes per second of this connection from now on; 0: unlimited. */
   void setRate(uint64_t bytesPerSecond) { _connection.setRate(bytesPerSecond); }
 
@@ -66,6 +78,8 @@ class Responder {
   const OriginRequest& _request;
   const Gate& _release;
   bool _keepAlive = true;
+  Moment _moment = Moment::kHead;
+  std::function<void()> _action; /* due in the next answer */
 };
 
 /** The reason phrase of a status; "Unknown" for one without a name. */

@@ -122,8 +122,13 @@ void CurlExchange::awaitHead() {
       break;
     }
     if (retried || !diedUnused()) {
-      const std::string text = failureText(*_session->result());
+      const CURLcode code = *_session->result();
+      const std::string text = failureText(code);
       _session.reset();
+      if (code == CURLE_OPERATION_TIMEDOUT) {
+        // libcurl's own limit for connecting, when this thread came late to look at its own.
+        throw HttpFailure(KOVO_ERROR_TIMEOUT, text);
+      }
       fail(text);
     }
     retried = true;

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace kovo::test {
+
+/** What this process holds at the moment, as the system counts it. */
+struct ProcessFigures {
+  size_t descriptors = 0;
+  size_t threads = 0;
+  uint64_t residentBytes = 0;
+
+  static ProcessFigures now();
+};
+
+}  // namespace kovo::test
