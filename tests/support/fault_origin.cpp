@@ -64,7 +64,6 @@ void FaultOrigin::acceptLoop() {
     Running& running = _running.emplace_back();
     running.connection =
         std::make_unique<OriginConnection>(std::move(socket), number, _stopping, _bytesSent);
-    running.connection->setRate(_options.connectionRate);
     running.thread = std::thread([this, &running] {
       serve(*running.connection);
       running.done = true;
@@ -99,6 +98,7 @@ void FaultOrigin::serve(OriginConnection& connection) {
     while (!_stopping.load()) {
       std::optional<OriginRequest> request = connection.readRequest(_options.readsBodies);
       if (!request) break;
+      connection.setRate(_options.connectionRate); /* what one answer suffers ends with it */
       {
         const std::lock_guard lock(_mutex);
         request->index = _requests.size();
