@@ -36,10 +36,12 @@ std::optional<std::chrono::milliseconds> RetryPolicy::next(const RequestFailure&
   if (!isPassing(failure, serverSeen)) return std::nullopt;
   std::uint32_t& attempts = _attempts[{failure.type, failure.number}];
   if (attempts >= _retries) return std::nullopt;
-  // Half a second, doubled each time up to half a minute. The random half keeps the requests of
-  // many clients that failed together from coming back together.
+  // Half a second, doubled each time up to half a minute; a tenth of it for a connection that broke
+  // though the server is there, which says nothing of its load. The random half keeps the requests
+  // of many clients that failed together from coming back together.
+  const double first = serverSeen && failure.httpStatus == 0 ? 50.0 : 500.0;
   const double longest =
-      std::min(500.0 * static_cast<double>(1U << std::min(attempts, 10U)), 30000.0);
+      std::min(first * static_cast<double>(1U << std::min(attempts, 10U)), 30000.0);
   ++attempts;
   std::uniform_real_distribution<double> jitter(0.5, 1.0);
   const std::chrono::milliseconds pause(static_cast<long long>(longest * jitter(_random)));
