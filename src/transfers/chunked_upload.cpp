@@ -277,14 +277,13 @@ std::unique_ptr<Work> ChunkedUpload::createInitialWork() {
 std::unique_ptr<Work> ChunkedUpload::createPartWork(State stateAfter) {
   MimeSourceFactory& factory = *getMimeSourceFactory();
   KovoNumberedRange range;
-  std::uint64_t present = 0;
   bool isLeft = popNextRange(range);
   for (; isLeft && _resumingUpload && _uploadedChunks.count(range.number + 1) != 0;
        isLeft = popNextRange(range)) {
-    present += static_cast<std::uint64_t>(range.length);
+    _skippedBytes += static_cast<std::uint64_t>(range.length);
   }
-  reportPresent(present);
   if (!isLeft) {
+    reportPresent(_skippedBytes.exchange(0));
     // Every part left is stored already: what runs, or a unit that does nothing, ends this phase.
     setState(stateAfter == transferring_chunks ? finishing_chunks : stateAfter);
     return nullptr;
@@ -294,7 +293,7 @@ std::unique_ptr<Work> ChunkedUpload::createPartWork(State stateAfter) {
   auto work = wrap(
       createRangedRequest(*this, _verb, url, isFromMemory() ? OP_UPLOAD_MEMORY : OP_UPLOAD_FILE,
                           getFilePath(), range, true, _callbackHandler),
-      nullptr, &ChunkedUpload::partHasRun);
+      &ChunkedUpload::reportSkippedParts, &ChunkedUpload::partHasRun);
   if (stateAfter == transferring_chunks &&
       getNumberOfChunksRemaining() <= (factory.sendsLastChunkAlone() ? 1U : 0U)) {
     stateAfter = finishing_chunks;

@@ -73,6 +73,7 @@ class ChunkedUpload : public ChunkedTransfer {
   void computeChecksum();
   void startChecksum();
   kovo_error initialisationHasRun(Request& request);
+  bool reportSkippedParts();
   kovo_error partHasRun(Request& request);
   kovo_error singleHasRun(Request& request);
   bool checkBeforeFinalising();
@@ -96,6 +97,7 @@ class ChunkedUpload : public ChunkedTransfer {
   std::int64_t _fileModificationTime = 0;
   bool _resumingUpload = false;
   std::set<std::int32_t> _uploadedChunks;
+  std::atomic<std::uint64_t> _skippedBytes{0};  // not yet reported as progress
   std::atomic<bool> _prepared{false};
   // This upload keeps rows in the resume database.
   std::atomic<bool> _resumable{false};

@@ -228,6 +228,14 @@ void ChunkedUpload::processInitialisationResponse(const std::string& body, std::
   _initialised = true;
 }
 
+bool ChunkedUpload::reportSkippedParts() {
+  // Before the part's own progress: a report soon after another one is left out.
+  if (const std::uint64_t bytes = _skippedBytes.exchange(0); bytes != 0) {
+    _callbackHandler->invokeProgressCallback(bytes);
+  }
+  return true;
+}
+
 kovo_error ChunkedUpload::partHasRun(Request& request) {
   if (isCancelled() || request.isComplete() || request.getErrorCode() != KOVO_ERROR_NONE) {
     return KOVO_ERROR_NONE;
