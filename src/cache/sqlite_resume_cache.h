@@ -28,8 +28,9 @@ class SqliteConnection;
 //     kernel before storeDownloadedChunkDetails returns, after the bytes it speaks of.
 //  3. After a power cut neither the file's bytes nor the rows need have reached the disk, and rows
 //     may have done so without their bytes. Rows are therefore tied to the boot of the machine they
-//     were stored under and ignored (deleted) under another one, unless the path was marked with
-//     markDownloadSynced after an fdatasync of the file. The mark ends with the next row.
+//     were stored under and ignored (deleted) under another one, unless the path was marked as
+//     synced: beginDownloadSync, then an fdatasync of the file, then markDownloadSynced. A row
+//     stored after the first of these ends the mark, or keeps it from being made.
 class SqliteResumeCache : boost::noncopyable {
  public:
   // baseDirectory may be null: the cache is then not opened.
@@ -66,8 +67,9 @@ class SqliteResumeCache : boost::noncopyable {
   bool isFilePartiallyDownloaded(const std::string& filePath);
   // Costs microseconds when there is nothing to delete.
   void deleteFromCacheDownload(const std::string& filePath);
-  // The file holds, on the medium, every byte its rows speak of (call after fdatasync, with no
-  // chunk in flight: a clean pause or cancel). Without rows there is nothing to mark.
+  // Around an fdatasync of the file, when no chunk is in flight (a clean pause or cancel): what its
+  // rows speak of is on the medium. Without rows there is nothing to mark.
+  void beginDownloadSync(const std::string& filePath);
   void markDownloadSynced(const std::string& filePath);
 
   // --- Beside the rows: what the four tables do not say -----------------------------------------
@@ -126,6 +128,8 @@ class SqliteResumeCache : boost::noncopyable {
   // Ends the use of the database when it fails: no row may outlive the file it speaks of.
   void deleteDownloadRows(const std::string& filePath) KOVO_REQUIRES(_lock);
   // Rows of an earlier boot whose bytes were never confirmed on the medium.
+  void changeSyncMark(const std::string& filePath, int from, int to, bool isDurable,
+                      const char* operation);
   bool isDistrusted(const std::string& filePath) KOVO_REQUIRES(_lock);
   bool dropDistrusted(const std::string& filePath, const char* operation) KOVO_REQUIRES(_lock);
   void clearOutdatedUploads(std::int64_t now) KOVO_REQUIRES(_lock);

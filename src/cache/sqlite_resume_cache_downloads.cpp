@@ -9,6 +9,11 @@ namespace {
 
 constexpr int kDeletionAttempts = 2;
 
+// DownloadGeometry.synced
+constexpr int kNotSynced = 0;
+constexpr int kSynced = 1;
+constexpr int kBeingSynced = 2;
+
 // The commit of a transaction that must outlast a power cut.
 class SynchronousCommits : boost::noncopyable {
  public:
@@ -185,7 +190,7 @@ void SqliteResumeCache::deleteDownloadRows(const std::string& filePath) {
         "SELECT EXISTS (SELECT 1 FROM DownloadChunkStatus WHERE filePath = ?1), (SELECT synced "
         "FROM DownloadGeometry WHERE filePath = ?1)");
     if (statement.bind(1, filePath).step() == SQLITE_ROW) {
-      isSynced = statement.integer(1) != 0;
+      isSynced = statement.integer(1) == kSynced;
       isNeeded = statement.integer(0) != 0 || !statement.text(1).empty();
     }
   }
@@ -222,7 +227,7 @@ void SqliteResumeCache::deleteDownloadRows(const std::string& filePath) {
 bool SqliteResumeCache::isDistrusted(const std::string& filePath) {
   SqliteStatement statement =
       _db->prepare("SELECT bootId, synced FROM DownloadGeometry WHERE filePath = ?");
-  return statement.bind(1, filePath).step() == SQLITE_ROW && statement.integer(1) == 0 &&
+  return statement.bind(1, filePath).step() == SQLITE_ROW && statement.integer(1) != kSynced &&
          statement.text(0) != _bootId;
 }
 
@@ -238,27 +243,40 @@ bool SqliteResumeCache::dropDistrusted(const std::string& filePath, const char* 
   return true;
 }
 
+void SqliteResumeCache::beginDownloadSync(const std::string& filePath) {
+  changeSyncMark(filePath, kNotSynced, kBeingSynced, false,
+                 "kovo::SqliteResumeCache::beginDownloadSync");
+}
+
 void SqliteResumeCache::markDownloadSynced(const std::string& filePath) {
-  static constexpr char kOperation[] = "kovo::SqliteResumeCache::markDownloadSynced";
+  changeSyncMark(filePath, kBeingSynced, kSynced, true,
+                 "kovo::SqliteResumeCache::markDownloadSynced");
+}
+
+void SqliteResumeCache::changeSyncMark(const std::string& filePath, int from, int to,
+                                       bool isDurable, const char* operation) {
   Session session(*this);
-  if (!hasConstraintsPassed(filePath, kOperation)) {
+  if (!hasConstraintsPassed(filePath, operation)) {
     return;
   }
-  SynchronousCommits synchronous(*_db, true);
+  SynchronousCommits synchronous(*_db, isDurable);
   SqliteTransaction transaction(*_db);
   int result = transaction.begin();
   if (result == SQLITE_DONE) {
-    result =
-        _db->prepare("UPDATE DownloadGeometry SET synced = 1 WHERE filePath = ? AND bootId = ?")
-            .bind(1, filePath)
-            .bind(2, _bootId)
-            .step();
+    result = _db->prepare(
+                    "UPDATE DownloadGeometry SET synced = ? WHERE filePath = ? AND bootId = ? AND "
+                    "synced = ?")
+                 .bind(1, to)
+                 .bind(2, filePath)
+                 .bind(3, _bootId)
+                 .bind(4, from)
+                 .step();
   }
   if (result == SQLITE_DONE) {
     result = transaction.commit();
   }
   if (!isSqliteSuccess(result)) {
-    KOVO_LOG(KOVO_LOG_ERROR, kOperation, "SQL error marking file %s: status %d", filePath.c_str(),
+    KOVO_LOG(KOVO_LOG_ERROR, operation, "SQL error marking file %s: status %d", filePath.c_str(),
              result);
   }
 }

@@ -27,8 +27,10 @@ std::string formatHttpDate(std::int64_t secondsSince1970);
 
 // Small file helpers.
 struct KOVOUtils {
-  // Creates path empty, replacing an existing file. On failure returns the code and sets reason.
-  static kovo_error createOutputFile(const std::string& path, std::string& reason);
+  // Creates path empty, replacing an existing file. On failure returns the code and sets reason; on
+  // success tells whether it is a regular file (isRegular may be null).
+  static kovo_error createOutputFile(const std::string& path, std::string& reason,
+                                     bool* isRegular = nullptr);
   // Never fails to the caller; a failure is logged.
   static void deleteOutputFile(const std::string& path);
   // Seconds since 1970.

@@ -68,6 +68,8 @@ class PlatformFileOStream : boost::noncopyable {
   // Throws std::invalid_argument for an unknown mode. Sets lastErrorKind; true on success.
   bool open(const std::string& path, std::uint32_t createMode);
   bool isOpen() const { return _descriptor >= 0; }
+  // Not a device.
+  bool isRegularFile() const { return _isRegularFile; }
   // All of the bytes at the current position; false when not open or when the write failed
   // (lastErrorKind tells why).
   bool WriteBlock(const std::uint8_t* data, std::uint64_t length);
@@ -81,6 +83,7 @@ class PlatformFileOStream : boost::noncopyable {
 
  private:
   int _descriptor = -1;
+  bool _isRegularFile = false;
   std::uint64_t _position = 0;
   std::string _path;
 };

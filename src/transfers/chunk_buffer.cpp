@@ -35,7 +35,6 @@ bool ChunkBuffer::isQueueFull() const {
 }
 
 void ChunkBuffer::complete(const KovoRange& range, const Write& write, const Written& written) {
-  KovoRange current = range;
   {
     ScopedLock guard(_lock);
     while (_flushing && isQueueFull()) {
@@ -48,6 +47,18 @@ void ChunkBuffer::complete(const KovoRange& range, const Write& write, const Wri
     }
     _flushing = true;
   }
+  try {
+    flush(range, write, written);
+  } catch (...) {
+    // Ends the transfer; the others must not wait for a writer that is gone.
+    ScopedLock guard(_lock);
+    _flushing = false;
+    _drained.notify_all();
+    throw;
+  }
+}
+
+void ChunkBuffer::flush(KovoRange current, const Write& write, const Written& written) {
   for (;;) {
     auto position = static_cast<std::uint64_t>(current.start);
     std::uint64_t count = 0;

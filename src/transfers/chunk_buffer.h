@@ -47,6 +47,8 @@ class ChunkBuffer : boost::noncopyable {
   static constexpr std::size_t kFewestQueuedRanges = 2;
 
   bool take(std::uint64_t offset, Piece& piece);
+  // Writes the range and what is queued meanwhile; then the role is free again.
+  void flush(KovoRange current, const Write& write, const Written& written);
   bool isQueueFull() const KOVO_REQUIRES(_lock);
 
   RecursiveLock _lock;

@@ -142,11 +142,13 @@ bool ChunkedDownload::recreateOutputFile() {
   forgetRecordedChunks();
   _writtenEnd = 0;
   std::string reason;
-  const kovo_error code = KOVOUtils::createOutputFile(getFilePath(), reason);
+  bool isRegular = false;
+  const kovo_error code = KOVOUtils::createOutputFile(getFilePath(), reason, &isRegular);
   if (code != KOVO_ERROR_NONE) {
     setError(makeKovoError(code, std::move(reason)));
     return false;
   }
+  _ownsOutput = isRegular;
   return true;
 }
 
@@ -159,6 +161,7 @@ std::unique_ptr<Work> ChunkedDownload::createWorkForInit() {
     std::shared_ptr<KovoError> missing;
     _resuming = isResumabilityAllowed() && getFileStat(path, size, modified, missing);
   }
+  _ownsOutput = _resuming.load();
   if (!_resuming) {
     _recordedChunkSize = 0;  // nothing is left that was cut the old way
   }
@@ -335,9 +338,10 @@ std::uint32_t ChunkedDownload::getTransferHttpStatus() const {
 }
 
 ChunkedTransfer::State ChunkedDownload::startAfresh() {
+  const bool isReady = recreateOutputFile();
   _isFilePartiallyDownloaded = false;
   _resuming = false;
-  return recreateOutputFile() ? init : failing;
+  return isReady ? init : failing;
 }
 
 ChunkedTransfer::State ChunkedDownload::transferInitFinished(Work& work) {
@@ -354,6 +358,13 @@ ChunkedTransfer::State ChunkedDownload::transferInitFinished(Work& work) {
     return headFinished(resumabilityAllowed);
   }
   if (request.deliveredWholeResource() && (status == 200 || status == 203)) {
+    if (!resumabilityAllowed && chunkingEnabled && getResumeCache() == nullptr) {
+      KOVO_LOG(KOVO_LOG_INFO, "kovo::ChunkedDownload::transferInitFinished",
+               "Resuming and resuming pointer is null for filepath: %s", getFilePath().c_str());
+    } else if (!resumabilityAllowed) {
+      KOVO_LOG(KOVO_LOG_INFO, "kovo::ChunkedDownload::transferInitFinished",
+               "size changed for filepath: %s", getFilePath().c_str());
+    }
     if (!isContentLengthKnown()) {
       KOVO_LOG(KOVO_LOG_WARN, "kovo::ChunkedDownload::transferInitFinished",
                "Unknown Content Size. Forcing request to be Serial.");
@@ -391,6 +402,11 @@ ChunkedTransfer::State ChunkedDownload::initialRangeFinished(const Request& requ
     KOVO_LOG(KOVO_LOG_INFO, "kovo::ChunkedDownload::transferInitFinished",
              "Store the chunk details in cache if not in _chunksDownloadedFirstByte for file %s",
              getFilePath().c_str());
+    if (isContentLengthKnown()) {
+      KOVO_LOG(KOVO_LOG_INFO, "kovo::ChunkedDownload::transferInitFinished",
+               "First chunk already successfully downloaded for filepath: %s",
+               getFilePath().c_str());
+    }
   }
   if (!isContentLengthKnown()) {
     KOVO_LOG(KOVO_LOG_WARN, "kovo::ChunkedDownload::transferInitFinished",
@@ -475,7 +491,7 @@ void ChunkedDownload::writeData(std::uint64_t offset, const std::uint8_t* data, 
 bool ChunkedDownload::isOutputCutShort() {
   // Were the file cut and then written behind the cut, its size would be right again in the end
   // and the bytes lost would be zeros.
-  if (hasError() || _writtenEnd == 0) {
+  if (hasError() || _writtenEnd == 0 || !_ownsOutput) {
     return false;
   }
   std::uint64_t size = 0;
@@ -622,7 +638,7 @@ ChunkedTransfer::State ChunkedDownload::lastChunkFinished() {
 // --- The end ------------------------------------------------------------------------------------
 
 void ChunkedDownload::verifyComplete() {
-  if (!writesToFile() || !_totalKnown) {
+  if (!_ownsOutput || !_totalKnown) {
     return;
   }
   std::uint64_t size = 0;
@@ -641,19 +657,19 @@ void ChunkedDownload::settle(Outcome outcome) {
   if (!writesToFile() || keepsPartialFile(outcome)) {
     return;
   }
-  if (outcome == Outcome::Failed && getError()->code != kKeepsPartialFile) {
+  if (outcome == Outcome::Failed && _ownsOutput && getError()->code != kKeepsPartialFile) {
     KOVOUtils::deleteOutputFile(getFilePath());
   }
   // A completed download keeps its rows until the client has been told: killed while it gives the
   // file its name, say, it then finds everything recorded.
   if (outcome != Outcome::Completed) {
-    deleteRows();
+    deleteRows(outcome);
   }
 }
 
 void ChunkedDownload::tidyUp(Outcome outcome) {
   if (outcome == Outcome::Completed && writesToFile()) {
-    deleteRows();
+    deleteRows(outcome);
   } else if (keepsPartialFile(outcome)) {
     syncPartialFile();
   }

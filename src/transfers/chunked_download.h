@@ -76,7 +76,7 @@ class ChunkedDownload : public ChunkedTransfer {
   void forgetRecordedChunks();
   bool takesPartInResume() const;
   bool keepsPartialFile(Outcome outcome) const;
-  void deleteRows();
+  void deleteRows(Outcome outcome);
   void syncPartialFile();
 
   void processEntityTag(const std::string& value);
@@ -115,6 +115,9 @@ class ChunkedDownload : public ChunkedTransfer {
   // Size of the whole resource, once known; 0 before that.
   std::atomic<std::uint64_t> _totalSize{0};
   std::atomic<bool> _totalKnown{false};
+  // The output is a regular file that this transfer has made or goes on with. Only such a one is
+  // measured, and deleted after a failure.
+  std::atomic<bool> _ownsOutput{false};
   // End of the highest byte in the output file; one thread at a time writes.
   std::atomic<std::uint64_t> _writtenEnd{0};
 

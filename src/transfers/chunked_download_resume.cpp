@@ -130,8 +130,8 @@ void ChunkedDownload::recordChunk(std::uint64_t rangeStart, std::uint64_t rangeE
 
 void ChunkedDownload::forgetRecordedChunks() {
   SqliteResumeCache* cache = getResumeCache();
-  if (cache != nullptr && (_isFilePartiallyDownloaded || _geometryRecorded)) {
-    cache->deleteFromCacheDownload(getFilePath());
+  if (cache != nullptr && takesPartInResume()) {
+    cache->deleteFromCacheDownload(getFilePath());  // those of another resource too
   }
   _chunksDownloadedFirstByte.clear();
   _recordedChunkSize = 0;
@@ -143,15 +143,19 @@ bool ChunkedDownload::keepsPartialFile(Outcome outcome) const {
          isResumabilityAllowed();
 }
 
-void ChunkedDownload::deleteRows() {
+void ChunkedDownload::deleteRows(Outcome outcome) {
   SqliteResumeCache* cache = getResumeCache();
-  if (cache == nullptr) {
+  if (cache == nullptr && outcome != Outcome::Completed) {
     return;
   }
   const std::string path = getFilePath();
   const char* function = "kovo::ChunkedDownload::~ChunkedDownload";
   KOVO_LOG(KOVO_LOG_WARN, function, "Delete the sqliteResumeTransfer cache for file : %s",
            path.c_str());
+  if (cache == nullptr) {
+    KOVO_LOG(KOVO_LOG_INFO, function, "File %s completely downloaded", path.c_str());
+    return;
+  }
   KOVO_LOG(KOVO_LOG_WARN, function, "wasCancelled : %d", isCancelled() ? 1 : 0);
   KOVO_LOG(KOVO_LOG_WARN, function, "wasCancelledDueToError : %d", isCancelledDueToError() ? 1 : 0);
   KOVO_LOG(KOVO_LOG_WARN, function, "isResumabilityAllowed : %d", isResumabilityAllowed() ? 1 : 0);
@@ -161,10 +165,17 @@ void ChunkedDownload::deleteRows() {
 }
 
 void ChunkedDownload::syncPartialFile() {
+  const std::string path = getFilePath();
   PlatformFileOStream stream;
-  if (_geometryRecorded && stream.open(getFilePath(), PlatformFileOStream::OpenExisting) &&
-      stream.Flush()) {
-    getResumeCache()->markDownloadSynced(getFilePath());
+  if (!_geometryRecorded || !stream.open(path, PlatformFileOStream::OpenExisting)) {
+    return;
+  }
+  // The host may resume, or start the download anew, at any time: chunks that come meanwhile are
+  // not covered.
+  SqliteResumeCache& cache = *getResumeCache();
+  cache.beginDownloadSync(path);
+  if (stream.Flush()) {
+    cache.markDownloadSynced(path);
   }
 }
 

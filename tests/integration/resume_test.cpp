@@ -206,6 +206,33 @@ TEST_F(Resume, AnotherChunkSizeSkipsNoByte) {
   }
 }
 
+TEST_F(Resume, AnotherResourceInTheSameFileLeavesNoRowsBehind) {
+  interrupt();
+  ServeOptions untagged;
+  untagged.etag.clear();
+  const Resource other(34, kResource.size());
+  answerWith([get = serveResource(other, untagged)](const OriginRequest& request, Responder& to) {
+    if (request.verb != "HEAD") return get(request, to);
+    to.closeAfterwards(); /* without a length, so that nothing tells how much there is */
+    to.head(200, {{"Connection", "close"}});
+  });
+  {
+    TestEngine engine(options());
+    _stopAt = 5 * kChunk;
+    const TransferRecord& record = engine.download(_origin.url("/g"), _path);
+    const auto hasItsBytes = [&] {
+      const std::string bytes = readFile(_path);
+      return bytes.size() == 5 * kChunk && other.matches(0, bytes);
+    };
+    EXPECT_TRUE(waitUntil(hasItsBytes, milliseconds(10000)));
+    EXPECT_EQ(engine.cancel(record), KOVO_ERROR_NONE);
+    ASSERT_TRUE(engine.wait(record));
+  }
+  _stopAt = kNever;
+  serve({});
+  expectComplete(run());
+}
+
 /* Whatever makes the partial file or its rows worthless, the download is right in the end. */
 TEST_F(Resume, StartsAfreshWhenNothingCanBeTrusted) {
   const Resource other(32, kResource.size());

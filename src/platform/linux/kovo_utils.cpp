@@ -92,9 +92,13 @@ std::string getCurrentHttpDate() {
   return formatHttpDate(std::time(nullptr));
 }
 
-kovo_error KOVOUtils::createOutputFile(const std::string& path, std::string& reason) {
+kovo_error KOVOUtils::createOutputFile(const std::string& path, std::string& reason,
+                                       bool* isRegular) {
   PlatformFileOStream stream;
   if (stream.open(path, PlatformFileOStream::CreateReplacing)) {
+    if (isRegular != nullptr) {
+      *isRegular = stream.isRegularFile();
+    }
     return KOVO_ERROR_NONE;
   }
   std::string suffix;

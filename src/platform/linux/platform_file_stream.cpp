@@ -48,7 +48,7 @@ int nameFault(const std::string& path) {
 // Opens path, or returns -1 and leaves the reason in errno. The descriptor is at a place of its own
 // for every read and write, so pipes and sockets, which have none, are refused; and since opening a
 // pipe may wait for its other end, the open itself never blocks.
-int openFile(const std::string& path, int flags) {
+int openFile(const std::string& path, int flags, bool& isRegular) {
   if (const int fault = nameFault(path); fault != 0) {
     errno = fault;
     return -1;
@@ -74,12 +74,13 @@ int openFile(const std::string& path, int flags) {
     errno = fault;
     return -1;
   }
+  isRegular = S_ISREG(facts.st_mode);
   return descriptor;
 }
 
 // openFile for a stream: errno tells the reason, and so does kind.
-int openStream(const std::string& path, int flags, FileErrorKind& kind) {
-  const int descriptor = openFile(path, flags);
+int openStream(const std::string& path, int flags, FileErrorKind& kind, bool& isRegular) {
+  const int descriptor = openFile(path, flags, isRegular);
   kind = FileErrorKind::None;
   if (descriptor < 0) {
     const int errorNumber = errno;
@@ -151,7 +152,8 @@ bool PlatformFileIStream::open(const std::string& path, std::uint32_t shareMode)
   }
   _path = path;
   _position = 0;
-  _descriptor = openStream(path, O_RDONLY, lastErrorKind);
+  bool isRegular = false;
+  _descriptor = openStream(path, O_RDONLY, lastErrorKind, isRegular);
   return _descriptor >= 0;
 }
 
@@ -229,7 +231,7 @@ bool PlatformFileOStream::open(const std::string& path, std::uint32_t createMode
   close();
   _path = path;
   _position = 0;
-  _descriptor = openStream(path, flags, lastErrorKind);
+  _descriptor = openStream(path, flags, lastErrorKind, _isRegularFile);
   return _descriptor >= 0;
 }
 

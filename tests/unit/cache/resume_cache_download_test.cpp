@@ -123,6 +123,7 @@ TEST_F(ResumeCacheDownload, RowsHoldAcrossABootOnlyWhenMarkedSynced) {
   cache->storeDownloadedChunkDetails(file, "tag", 0);
   open("boot 1");
   EXPECT_EQ(firstBytes(), (FirstBytes{0}));
+  cache->beginDownloadSync(file);
   cache->markDownloadSynced(file);
   open("boot 2");
   EXPECT_TRUE(cache->isFilePartiallyDownloaded(file));
@@ -131,8 +132,12 @@ TEST_F(ResumeCacheDownload, RowsHoldAcrossABootOnlyWhenMarkedSynced) {
   EXPECT_EQ(firstBytes(), (FirstBytes{0}));
 
   cache->storeDownloadedChunkDetails(file, "tag", 2048);  // ends the mark
+  cache->beginDownloadSync(file);
+  cache->storeDownloadedChunkDetails(file, "tag", 4096);
+  cache->markDownloadSynced(file);  // not for what came while the file was synced
   open("boot 4");
-  cache->markDownloadSynced(file);  // not for rows of another boot
+  cache->beginDownloadSync(file);  // nor for rows of another boot
+  cache->markDownloadSynced(file);
   EXPECT_FALSE(cache->isFilePartiallyDownloaded(file));
   EXPECT_EQ(rowCount(), "0");
 
