@@ -7,8 +7,8 @@
 namespace kovo {
 
 MemorySink::MemorySink(std::shared_ptr<ClientCallbackHandler> callbackHandler,
-                       std::uint64_t startOffset)
-    : _callbackHandler(std::move(callbackHandler)), _offset(startOffset) {}
+                       std::uint64_t startOffset, bool isProgress)
+    : _callbackHandler(std::move(callbackHandler)), _isProgress(isProgress), _offset(startOffset) {}
 
 MemorySink::~MemorySink() = default;
 
@@ -18,8 +18,10 @@ void MemorySink::write(const std::uint8_t* data, std::size_t size) {
   }
   _callbackHandler->invokeResponseBodyCallback(_offset, data, size);
   _offset += size;
-  _reported += size;
-  _callbackHandler->invokeProgressCallback(size);
+  if (_isProgress) {
+    _reported += size;
+    _callbackHandler->invokeProgressCallback(size);
+  }
 }
 
 void MemorySink::reset() {

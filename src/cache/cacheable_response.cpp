@@ -5,8 +5,10 @@
 #include <algorithm>
 #include <charconv>
 #include <string_view>
+#include <utility>
 #include <vector>
 
+#include "cache/http_get_cache.h"
 #include "core/assertion.h"
 
 namespace kovo {
@@ -82,6 +84,11 @@ bool readContentRange(std::string_view value, std::uint64_t& first, std::uint64_
 
 bool isWeakEntityTag(const std::string& etag) {
   return startsWithIgnoringCase(etag, "w/");
+}
+
+CacheValidators decisiveValidators(std::string etag, std::string lastModifiedDate) {
+  const bool tells = !etag.empty() && !isWeakEntityTag(etag);
+  return {std::move(etag), tells ? std::string() : std::move(lastModifiedDate)};
 }
 
 bool isCacheableResponse(const HeaderList& headers, std::uint64_t entryLimit) {

@@ -26,6 +26,10 @@ struct CacheValidators {
   std::string lastModifiedDate;
 };
 
+// Those of one version of a resource. A date does not count beside a strong tag: one second is long
+// enough for two versions.
+CacheValidators decisiveValidators(std::string etag, std::string lastModifiedDate);
+
 // Byte ranges of resources fetched before. Thread-safe; failures only ever look like misses.
 class HttpGetCache : boost::noncopyable {
  public:

@@ -10,6 +10,7 @@
 #include "cache/range_database.h"
 #include "cache/sqlite_transaction.h"
 #include "core/assertion.h"
+#include "log/deferred_log.h"
 #include "log/kovo_log.h"
 
 namespace kovo {
@@ -39,12 +40,10 @@ constexpr char kClear[] = "DELETE FROM CacheEntries";
 constexpr char kHasEntryByEtag[] =
     "SELECT 1 FROM (SELECT firstByte + length(data) AS rangeEnd FROM CacheEntries WHERE uri = ?1 "
     "AND etag = ?2 AND firstByte <= ?3 ORDER BY firstByte DESC LIMIT ?5) WHERE ?4 <= rangeEnd";
-// Of entries that have an entity tag as well, those of another one hold other bytes (?6; NULL:
-// any).
 constexpr char kHasEntryByLastModified[] =
-    "SELECT 1 FROM (SELECT firstByte + length(data) AS rangeEnd, etag AS entryTag FROM "
-    "CacheEntries WHERE uri = ?1 AND lastModified = ?2 AND firstByte <= ?3 ORDER BY firstByte DESC "
-    "LIMIT ?5) WHERE ?4 <= rangeEnd AND (?6 IS NULL OR entryTag = '' OR entryTag = ?6)";
+    "SELECT 1 FROM (SELECT firstByte + length(data) AS rangeEnd FROM CacheEntries WHERE uri = ?1 "
+    "AND lastModified = ?2 AND firstByte <= ?3 ORDER BY firstByte DESC LIMIT ?5) WHERE ?4 <= "
+    "rangeEnd";
 constexpr char kStoreChecksum[] =
     "INSERT OR REPLACE INTO CacheChecksums (id, checksum) VALUES (?, ?)";
 constexpr char kReadChecksum[] = "SELECT checksum FROM CacheChecksums WHERE id = ?";
@@ -149,9 +148,6 @@ bool SqliteBackedCache::hasEntryBy(Validator validator, SqliteConnection& connec
       .bind(3, span.start)
       .bind(4, span.end)
       .bind(5, kMostCandidates);
-  if (!isByEtag) {
-    bindValidator(statement, 6, validators.etag, canMatch(validators.etag));
-  }
   const int result = statement.step();
   check(result);
   return result == SQLITE_ROW;
@@ -187,11 +183,9 @@ bool SqliteBackedCache::findEntry(SqliteStatement& lookUp, const std::string& ur
       return false;
     }
     // An index that disagrees with its table is one kind of damage.
-    const std::string etag = lookUp.text(kEtagColumn);
     if (by == Validator::EntityTag
-            ? etag == validators.etag
-            : lookUp.text(kLastModifiedColumn) == validators.lastModifiedDate &&
-                  (!canMatch(validators.etag) || etag.empty() || etag == validators.etag)) {
+            ? lookUp.text(kEtagColumn) == validators.etag
+            : lookUp.text(kLastModifiedColumn) == validators.lastModifiedDate) {
       return true;
     }
   }
@@ -233,6 +227,7 @@ std::uint64_t SqliteBackedCache::getCachedLength(const std::string& url,
       (validators.etag.empty() && validators.lastModifiedDate.empty())) {
     return 0;
   }
+  const DeferredLog log;
   ScopedLock lock(_lock);
   Validator by = Validator::EntityTag;
   if (!hasEntry(*_reader, url, validators, {range.start, range.start + range.length}, by)) {
@@ -257,6 +252,7 @@ HttpGetCache::Status SqliteBackedCache::getData(const std::string& url,
     return Miss;
   }
   const auto length = static_cast<std::size_t>(range.length);
+  const DeferredLog log;
   ScopedLock lock(_lock);
   SqliteStatement entry = _reader->prepare(kLookUp);
   if (!findEntry(entry, url, validators, {range.start, range.start + range.length})) {
@@ -296,6 +292,7 @@ bool SqliteBackedCache::isCacheable(const HeaderList& headers) const {
 
 template <typename Change>
 void SqliteBackedCache::write(const Change& change) {
+  const DeferredLog log;
   ScopedLock lock(_writeLock);
   if (!_hasDatabase) {
     return;
@@ -307,13 +304,17 @@ void SqliteBackedCache::write(const Change& change) {
   SqliteTransaction transaction(*_writer);
   int result = transaction.begin();
   if (result == SQLITE_DONE) {
-    const std::int64_t totalBefore = _total;
-    result = change();
+    try {
+      result = change();
+    } catch (...) {
+      _isTotalKnown = false;  // what is rolled back has been counted
+      throw;
+    }
     if (isSqliteSuccess(result)) {
       result = transaction.commit();
     }
     if (!isSqliteSuccess(result)) {
-      _total = totalBefore;
+      _isTotalKnown = false;
     }
   }
   check(result);
@@ -392,7 +393,7 @@ int SqliteBackedCache::insert(const std::string& url, const CacheableResponse& r
   const auto firstByte = static_cast<std::int64_t>(response.firstByte);
   const auto length = static_cast<std::int64_t>(size);
   Validator by = Validator::EntityTag;
-  if (hasEntry(*_writer, url, {response.etag, response.lastModified},
+  if (hasEntry(*_writer, url, decisiveValidators(response.etag, response.lastModified),
                {firstByte, firstByte + length}, by)) {
     return SQLITE_DONE;
   }

@@ -473,8 +473,8 @@ void ClientCallbackHandler::invokeErrorCallback(std::shared_ptr<KovoError> error
     // The transfer's end must not go unreported for want of a reason.
     error = makeKovoError(KOVO_ERROR_UNKNOWN, {});
   }
-  const auto callback = takeFinal(_callbacks->error);
   const std::string description = error->description();
+  const auto callback = takeFinal(_callbacks->error);
   KOVO_LOG(KOVO_LOG_WARN, "kovo::ClientCallbackHandler::invokeErrorCallback",
            "Request Failed. ErrorCode: %d errorMessage: %s", static_cast<int>(error->code),
            description.c_str());

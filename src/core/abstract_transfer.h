@@ -9,7 +9,6 @@
 #include "core/kovo_error.h"
 #include "core/kovo_range.h"
 #include "core/mutex.h"
-#include "core/proxy_config.h"
 #include "core/work_provider.h"
 
 namespace kovo {
@@ -18,6 +17,7 @@ class HttpGetCache;
 class KOVOStatsAggregator;
 class MimeSourceFactory;
 class PlatformFileOStream;
+class ProxyConfig;
 class Request;
 class SqliteResumeCache;
 class TransferContext;

@@ -80,7 +80,7 @@ kovo_error kovoDestroy(kovo_instance* instanceRef) {
   if (instanceRef == nullptr || *instanceRef == nullptr) {
     return KOVO_ERROR_INSTANCE_RELEASED;
   }
-  if (kovo::WorkScheduler::isLibraryThread()) {
+  if (kovo::WorkScheduler::isLibraryThread() || kovo::isInLoggingCallback()) {
     return KOVO_ERROR_UNKNOWN;  // this thread would have to wait for itself
   }
   const kovo_error kovoError = guarded(*instanceRef, [](KovoEngine& engine) -> kovo_error {

@@ -10,6 +10,7 @@
 #include "core/assertion.h"
 #include "core/byte_block.h"
 #include "http/kovo_http_utils.h"
+#include "log/deferred_log.h"
 #include "log/kovo_log.h"
 #include "platform/clock.h"
 #include "platform/http_client.h"
@@ -55,8 +56,10 @@ KovoEngineImpl::KovoEngineImpl(const kovo_config* config)
     _strategy =
         std::make_unique<KOVOFixedThreadsStrategy>(_settings, *_statsAggregator, Clock::system());
   }
-  _baseDirectory = BaseDirConfig::initBaseDir();
-  if (!_baseDirectory.empty()) {
+  {
+    // What the search says goes where the log goes: with no base directory, to a callback at most.
+    const DeferredLog log;
+    _baseDirectory = BaseDirConfig::initBaseDir();
     kovoInitLog(_baseDirectory.c_str());
   }
   try {
@@ -75,9 +78,7 @@ KovoEngineImpl::KovoEngineImpl(const kovo_config* config)
       throw;
     }
   } catch (...) {
-    if (!_baseDirectory.empty()) {
-      kovoDeinitLog();
-    }
+    kovoDeinitLog();
     throw;
   }
 }
@@ -91,9 +92,7 @@ KovoEngineImpl::~KovoEngineImpl() {
   // Entries still on their way into the caches are written, and logged, before the log closes.
   _getCache.reset();
   _resumeCache.reset();
-  if (!_baseDirectory.empty()) {
-    kovoDeinitLog();
-  }
+  kovoDeinitLog();
   ByteBlock::trimPool();
 }
 
@@ -302,6 +301,7 @@ kovo_error KovoEngineImpl::sendRequest(kovo_http_verb verb, const char* url, std
 // --- Control by token ---------------------------------------------------------------------------
 
 kovo_error KovoEngineImpl::cancel(kovo_async_token token) {
+  const DeferredLog log;
   ScopedLock guard(_engineLock);
   std::shared_ptr<WorkProvider> provider = _scheduler->findWorkProvider(token);
   if (provider == nullptr) {
@@ -311,6 +311,7 @@ kovo_error KovoEngineImpl::cancel(kovo_async_token token) {
 }
 
 kovo_error KovoEngineImpl::pause(kovo_async_token token, bool restartWhenDrained) {
+  const DeferredLog log;
   ScopedLock guard(_engineLock);
   std::shared_ptr<WorkProvider> provider = _scheduler->findWorkProvider(token);
   if (provider == nullptr) {
@@ -321,6 +322,7 @@ kovo_error KovoEngineImpl::pause(kovo_async_token token, bool restartWhenDrained
 
 kovo_error KovoEngineImpl::resume(kovo_async_token token, kovo_async_token& newToken) {
   KOVO_ASSERT(newToken == NOTHING_ASYNC_TOKEN, "*returnAsyncToken == NOTHING_ASYNC_TOKEN");
+  const DeferredLog log;
   ScopedLock guard(_engineLock);
   std::shared_ptr<WorkProvider> provider = _scheduler->findPausedWorkProvider(token);
   if (provider == nullptr) {
@@ -443,7 +445,7 @@ kovo_error KovoEngineImpl::setSystemProxyCredentials(const char* username, const
   if (isEmpty(username)) {
     return KOVO_ERROR_INVALID_PARAMETERS;
   }
-  _proxyConfig->store(username, password == nullptr ? "" : password);
+  _proxyConfig->setCredentials(username, password == nullptr ? "" : password);
   return KOVO_ERROR_NONE;
 }
 

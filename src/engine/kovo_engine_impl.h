@@ -8,7 +8,7 @@
 #include "core/kovo_engine.h"
 #include "core/kovo_settings.h"
 #include "core/lock.h"
-#include "core/proxy_config.h"
+#include "http/proxy_config.h"
 
 namespace kovo {
 

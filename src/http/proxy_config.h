@@ -18,10 +18,8 @@ class ProxyConfig : boost::noncopyable {
     ScopedLock guard(_lock);
     _useSystemProxyCredentials = use;
   }
-  void store(const std::string& username, const std::string& password) {
-    ScopedLock guard(_lock);
-    _credentials = {username, password};
-  }
+  // Keeps what it has when the user name is empty.
+  void setCredentials(const std::string& username, const std::string& password);
   // Whether credentials are wanted and a user name is known.
   bool hasCredentials() const {
     ScopedLock guard(_lock);

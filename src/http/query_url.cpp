@@ -1,4 +1,4 @@
-#include "upload/query_url.h"
+#include "http/query_url.h"
 
 #include <cstring>
 

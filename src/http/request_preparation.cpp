@@ -16,6 +16,7 @@
 #include "core/assertion.h"
 #include "http/kovo_http_utils.h"
 #include "http/mime_source_factory.h"
+#include "http/query_url.h"
 #include "http/wkovo_request.h"
 #include "platform/kovo_utils.h"
 #include "platform/url.h"
@@ -143,7 +144,7 @@ std::unique_ptr<DataSink> WKovoRequest::makeSink() {
   switch (_operation) {
     case OP_DOWNLOAD_RANGE:
       return std::make_unique<MemorySink>(_callbackHandler,
-                                          static_cast<std::uint64_t>(_range.start));
+                                          static_cast<std::uint64_t>(_range.start), true);
     case OP_DOWNLOAD_FILE:
     case OP_DOWNLOAD_FILE_RANGE:
       if (_isRanged) {
@@ -166,7 +167,10 @@ std::unique_ptr<DataSink> WKovoRequest::makeSink() {
     default:
       break;
   }
-  return std::make_unique<MemorySink>(_callbackHandler, 0);
+  // Where a body is sent, progress runs over that one.
+  const bool isProgress = _operation == OP_DOWNLOAD || (_operation == OP_SEND_REQUEST &&
+                                                        !KovoHttpUtils::mayCarryBody(_httpVerb));
+  return std::make_unique<MemorySink>(_callbackHandler, 0, isProgress);
 }
 
 bool WKovoRequest::isCacheUsable() const {
@@ -183,8 +187,8 @@ bool WKovoRequest::serveFromCache() {
   if (!isCacheUsable()) {
     return false;
   }
-  const CacheValidators validators{_parentTransfer.getEntityTag(),
-                                   _parentTransfer.getLastModified()};
+  const CacheValidators validators =
+      decisiveValidators(_parentTransfer.getEntityTag(), _parentTransfer.getLastModified());
   if (validators.etag.empty() && validators.lastModifiedDate.empty()) {
     return false;
   }
@@ -240,18 +244,13 @@ std::string WKovoRequest::getFinalUrl() {
     _source = makeSource();
     return _inURL;
   }
-  const UrlParts parts = splitUrl(_inURL);
-  std::string url = _inURL.substr(0, _inURL.find('#'));
-  if (parts.query.empty()) {
-    const auto authority = url.find("://");
-    if (authority != std::string::npos && url.find('/', authority + 3) == std::string::npos) {
-      url += '/';
-    }
-    url += '?';
-  } else {
-    url += '&';
+  const std::size_t pathEnd = std::min(_inURL.find_first_of("?#"), _inURL.size());
+  std::string url = _inURL.substr(0, pathEnd);
+  const auto authority = url.find("://");
+  if (authority != std::string::npos && url.find('/', authority + 3) == std::string::npos) {
+    url += '/';
   }
-  return url + parameters;
+  return appendQuery(url + _inURL.substr(pathEnd), parameters);
 }
 
 bool WKovoRequest::buildMessage(HttpRequestMessage& message,

@@ -156,8 +156,8 @@ void WKovoRequest::recordHttpError(const HttpResponseHead& head, const char* tex
   if (_parentTransfer.isChunkingAllowed()) {
     _sink = std::make_unique<StringStreamSink>();
   } else {
-    _sink = std::make_unique<MemorySink>(_callbackHandler,
-                                         _isRanged ? static_cast<std::uint64_t>(_range.start) : 0);
+    _sink = std::make_unique<MemorySink>(
+        _callbackHandler, _isRanged ? static_cast<std::uint64_t>(_range.start) : 0, false);
   }
 }
 

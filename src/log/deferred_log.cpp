@@ -1,10 +1,10 @@
 #include "log/deferred_log.h"
 
-#include <cstdio>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "log/format_message.h"
 #include "log/kovo_log.h"
 
 namespace kovo {
@@ -31,7 +31,7 @@ DeferredLog::DeferredLog() {
   ++pending.depth;
 }
 
-DeferredLog::~DeferredLog() {
+DeferredLog::~DeferredLog() noexcept(false) {
   if (--pending.depth != 0 || pending.messages.empty()) {
     return;
   }
@@ -48,15 +48,7 @@ bool DeferredLog::keep(const char* function, const char* file, std::uint32_t lin
   if (pending.depth == 0) {
     return false;
   }
-  std::va_list again;
-  va_copy(again, arguments);
-  const int length = std::vsnprintf(nullptr, 0, format, again);
-  va_end(again);
-  std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
-  if (length > 0) {
-    std::vsnprintf(text.data(), text.size() + 1, format, arguments);
-  }
-  pending.messages.push_back({function, file, line, level, std::move(text)});
+  pending.messages.push_back({function, file, line, level, formatMessage(format, arguments)});
   return true;
 }
 

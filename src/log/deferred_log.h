@@ -12,7 +12,8 @@ namespace kovo {
 class DeferredLog : boost::noncopyable {
  public:
   DeferredLog();
-  ~DeferredLog();
+  // Throws only what ends the thread: it may be cancelled in the client's callback.
+  ~DeferredLog() noexcept(false);
 
   // For kovoLog: keeps the message and answers true inside a scope. Throws for want of memory.
   static bool keep(const char* function, const char* file, std::uint32_t line, std::uint32_t level,

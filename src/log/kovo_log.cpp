@@ -17,9 +17,11 @@
 #include <ctime>
 #include <limits>
 #include <memory>
+#include <utility>
 
 #include "core/lock.h"
 #include "log/deferred_log.h"
+#include "log/format_message.h"
 
 namespace kovo {
 namespace {
@@ -29,7 +31,7 @@ constexpr char kSeparator[] = "/";
 constexpr std::uint32_t kDefaultLevel = KOVO_LOG_WARN;
 constexpr std::uint32_t kNoLevel = 8;
 constexpr std::uint32_t kDefaultRetainDays = 3;
-constexpr std::size_t kCallbackMessageSize = 2048;
+constexpr std::size_t kLongestCallbackMessage = 2047;
 constexpr std::size_t kOptionsBlockSize = 1024;
 
 // The level in force, for the test that every call site makes; written under the logger's lock.
@@ -63,21 +65,6 @@ struct Logger {
 Logger& logger() {
   static Logger* instance = new Logger;
   return *instance;
-}
-
-// The message without a length limit; empty when it cannot be formatted.
-std::string formatted(const char* format, std::va_list arguments) {
-  std::va_list again;
-  va_copy(again, arguments);
-  std::string text(256, '\0');
-  const int length = std::vsnprintf(text.data(), text.size() + 1, format, arguments);
-  if (length > 0 && static_cast<std::size_t>(length) > text.size()) {
-    text.resize(static_cast<std::size_t>(length));
-    std::vsnprintf(text.data(), text.size() + 1, format, again);
-  }
-  va_end(again);
-  text.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
-  return text;
 }
 
 // A message of several lines, which may be somebody else's words, cannot be taken for several
@@ -245,21 +232,21 @@ void Logger::writeLine(std::uint32_t level, const char* format, std::va_list arg
                 static_cast<unsigned>(local.tm_sec), static_cast<unsigned>(now.tv_usec / 1000),
                 levelName(level));
   // One write per line: another process that logs to the same file does not tear it.
-  const std::string line = stamp + indented(formatted(format, arguments)) + "\n";
+  const std::string line = stamp + indented(formatMessage(format, arguments)) + "\n";
   writeAll(logFile, line.data(), line.size());
 }
 
+thread_local bool inLoggingCallback = false;
+
 void callBack(kovo_logging_callback callback, void* context, const char* function, const char* file,
               std::uint32_t line, std::uint32_t level, const char* format, std::va_list arguments) {
-  char message[kCallbackMessageSize];
-  if (std::vsnprintf(message, sizeof message, format, arguments) >= 0) {
-    callback(level, message, function, file, line, context);
-    return;
-  }
-  const std::string invalid =
-      "Invalid format string; snprintf returned negative with format string: " +
-      std::string(format) + "\r\n";
-  callback(level, invalid.c_str(), function, file, line, context);
+  std::string message = formatMessage(format, arguments);
+  message.resize(std::min(message.size(), kLongestCallbackMessage));
+  struct Scope {
+    const bool outer = std::exchange(inLoggingCallback, true);
+    ~Scope() { inLoggingCallback = outer; }
+  } const scope;
+  callback(level, message.c_str(), function, file, line, context);
 }
 
 void logArguments(const char* function, const char* file, std::uint32_t line, std::uint32_t level,
@@ -365,6 +352,10 @@ void registerLoggingCallback(kovo_logging_callback callback, void* loggingContex
   ScopedLock guard(log.logLock);
   log.loggingCallback = callback;
   log.loggingContext = loggingContext;
+}
+
+bool isInLoggingCallback() noexcept {
+  return inLoggingCallback;
 }
 
 const char* levelName(std::uint32_t level) {

@@ -16,6 +16,7 @@ void kovoLog(const char* function, const char* file, std::uint32_t line, std::ui
 bool isLogLevelEnabled(std::uint32_t level) noexcept;
 
 // Called by each engine with its base directory; the first sets directory, level and retention.
+// With an empty one there is no log file.
 void kovoInitLog(const char* directory);
 // Called by each engine's destructor; true when it closed the logger.
 bool kovoDeinitLog();
@@ -23,6 +24,8 @@ bool kovoDeinitLog();
 void setLogLevel(std::uint32_t level);
 std::uint32_t getLogLevel();
 void registerLoggingCallback(kovo_logging_callback callback, void* loggingContext);
+// Whether the calling thread is in the client's logging callback.
+bool isInLoggingCallback() noexcept;
 const char* levelName(std::uint32_t level);
 
 }  // namespace kovo

@@ -14,15 +14,19 @@ std::uint64_t toBytesPerSecond(double speed) {
   return speed < static_cast<double>(kMaxSpeed) ? static_cast<std::uint64_t>(speed) : kMaxSpeed;
 }
 
-void setTarget(StatsSample& sample, std::uint64_t kibPerSecond) {
+}  // namespace
+
+void KOVOStatsAggregatorImpl::Direction::setTarget(std::uint64_t kibPerSecond) {
+  const std::uint64_t before = sample.targetSpeed;
   sample.targetSpeed = kibPerSecond > kMaxSpeed / 1024 ? kMaxSpeed : kibPerSecond * 1024;
   sample.integral = 0;
   if (sample.targetSpeed == 0) {
     sample.sleepMs = 0;
   }
+  if (before != 0 && (sample.targetSpeed == 0 || sample.targetSpeed > before)) {
+    ++raises;
+  }
 }
-
-}  // namespace
 
 KOVOStatsAggregatorImpl::KOVOStatsAggregatorImpl(Clock& clock)
     : _clock(clock), _upload(clock), _download(clock) {}
@@ -30,51 +34,52 @@ KOVOStatsAggregatorImpl::KOVOStatsAggregatorImpl(Clock& clock)
 void KOVOStatsAggregatorImpl::recordChunk(std::uint64_t bytes, bool upload,
                                           const Interrupt* interrupt) {
   std::int64_t sleep = 0;
-  std::uint32_t targetChanges = 0;
+  const std::atomic<std::uint32_t>* raises = nullptr;
+  std::uint32_t raisesBefore = 0;
   {
     const DeferredLog log;
     const ScopedLock lock(_lock);
-    sleep = (upload ? _upload : _download).recordChunk(bytes);
-    targetChanges = _targetChanges;
+    Direction& direction = upload ? _upload : _download;
+    sleep = direction.sample.recordChunk(bytes);
+    raises = &direction.raises;
+    raisesBefore = *raises;
   }
   if (sleep <= 0) {
     return;
   }
   KOVO_LOG(KOVO_LOG_INFO, "kovo::KOVOStatsAggregatorImpl::recordChunk",
            "StatsAggregator sleeping for %lld", static_cast<long long>(sleep));
-  const Interrupt wakeUp = [this, targetChanges, interrupt] {
-    return _targetChanges != targetChanges ||
-           (interrupt != nullptr && *interrupt && (*interrupt)());
+  const Interrupt wakeUp = [raises, raisesBefore, interrupt] {
+    return *raises != raisesBefore || (interrupt != nullptr && *interrupt && (*interrupt)());
   };
   _clock.sleepMilliseconds(sleep, &wakeUp);
 }
 
 std::uint64_t KOVOStatsAggregatorImpl::getUploadAverageSpeed() {
   const ScopedLock lock(_lock);
-  return toBytesPerSecond(_upload.averageSpeed);
+  return toBytesPerSecond(_upload.sample.averageSpeed);
 }
 
 std::uint64_t KOVOStatsAggregatorImpl::getDownloadAverageSpeed() {
   const ScopedLock lock(_lock);
-  return toBytesPerSecond(_download.averageSpeed);
+  return toBytesPerSecond(_download.sample.averageSpeed);
 }
 
 std::uint64_t KOVOStatsAggregatorImpl::getUploadTargetSpeed() {
   const ScopedLock lock(_lock);
-  return _upload.targetSpeed;
+  return _upload.sample.targetSpeed;
 }
 
 std::uint64_t KOVOStatsAggregatorImpl::getDownloadTargetSpeed() {
   const ScopedLock lock(_lock);
-  return _download.targetSpeed;
+  return _download.sample.targetSpeed;
 }
 
 kovo_error KOVOStatsAggregatorImpl::setTargetDataRates(std::uint64_t uploadRate,
                                                        std::uint64_t downloadRate) {
   const ScopedLock lock(_lock);
-  setTarget(_upload, uploadRate);
-  setTarget(_download, downloadRate);
-  ++_targetChanges;
+  _upload.setTarget(uploadRate);
+  _download.setTarget(downloadRate);
   return KOVO_ERROR_NONE;
 }
 

@@ -21,11 +21,19 @@ class KOVOStatsAggregatorImpl : public KOVOStatsAggregator {
 
  private:
   Clock& _clock;
+  // One direction. Whoever sleeps for a target wakes up when a larger one, or none, takes its
+  // place: raises counts those.
+  struct Direction {
+    explicit Direction(Clock& clock) : sample(clock) {}
+    void setTarget(std::uint64_t kibPerSecond);
+
+    StatsSample sample;
+    std::atomic<std::uint32_t> raises{0};
+  };
+
   RecursiveLock _lock;
-  StatsSample _upload KOVO_GUARDED_BY(_lock);
-  StatsSample _download KOVO_GUARDED_BY(_lock);
-  // Counts the changes of the targets: whoever sleeps for an earlier one wakes up.
-  std::atomic<std::uint32_t> _targetChanges{0};
+  Direction _upload KOVO_GUARDED_BY(_lock);
+  Direction _download KOVO_GUARDED_BY(_lock);
 };
 
 }  // namespace kovo

@@ -112,6 +112,8 @@ std::uint32_t WorkSchedulerImpl::resume(std::shared_ptr<WorkProvider> provider) 
     // The control thread ends it, or has just done so; either way it needs no queue.
     return provider->getToken();
   }
+  // A report of this pause that has not been made yet would come while the transfer runs.
+  provider->restartOnceDrained();
   removeWorkProvider(provider);
   return doSubmit(std::move(provider));
 }

@@ -1,6 +1,10 @@
 #include "transfers/chunked_transfer.h"
 
+#include <cxxabi.h>
+
 #include <algorithm>
+#include <cstdint>
+#include <stdexcept>
 #include <utility>
 
 #include "core/assertion.h"
@@ -38,6 +42,10 @@ Work* ChunkedTransfer::getNextWork() {
         work = createWork();
       } catch (const std::exception& exception) {
         recordException("getNextWork", exception.what());
+      } catch (abi::__forced_unwind&) {
+        throw;
+      } catch (...) {
+        recordException("getNextWork", nullptr);
       }
     }
   }
@@ -65,7 +73,9 @@ std::unique_ptr<Work> ChunkedTransfer::createWorkForBadState() {
 
 std::uint32_t ChunkedTransfer::getAvailableWorkCount() const {
   const State state = getState();
-  if (!isPausing()) {
+  // A cancelled transfer hands out nothing but its end: promising more would have a worker choose
+  // it again and again, past others that have work.
+  if (!isPausing() && !isCancelled()) {
     switch (state) {
       case init:
       case first_chunk:
@@ -131,8 +141,19 @@ bool ChunkedTransfer::onFinish(Work* work) {
   } catch (const std::exception& exception) {
     recordException("onFinish", exception.what());
     setState(finishWithErrorOrCancel());
+  } catch (abi::__forced_unwind&) {
+    throw;
+  } catch (...) {
+    recordException("onFinish", nullptr);
+    setState(finishWithErrorOrCancel());
   }
   removeActiveWork(work);
+  if (isFinished() && getActiveWorkCount() != 0) {
+    KOVO_LOG(KOVO_LOG_CRITICAL, "kovo::ChunkedTransfer::onFinish",
+             "ChunkedTransfer in finished state with non zero active work count: %d",
+             static_cast<int>(getActiveWorkCount()));
+    KOVO_ASSERT(false, "!finished || getActiveWorkCount() == 0");
+  }
   if (!isFinished() && isPausing() && getActiveWorkCount() == 0) {
     completePause();
     return true;
@@ -356,7 +377,8 @@ std::uint64_t ChunkedTransfer::getChunkSize() const {
 
 void ChunkedTransfer::makeFirstRange(KovoNumberedRange& range) {
   const std::int64_t start = getRange().start;
-  range = KovoNumberedRange(start, static_cast<std::int64_t>(getChunkSize()), 0);
+  const auto size = static_cast<std::int64_t>(getChunkSize());
+  range = KovoNumberedRange(start, std::min(size, INT64_MAX - start), 0);
   _nextOffset = start + range.length;
 }
 
@@ -368,36 +390,34 @@ void ChunkedTransfer::createRanges(bool firstRangeTaken) {
     _ranges.emplace_back(_nextOffset, 0, 0);
     return;
   }
-  std::int32_t number = 0;
-  if (firstRangeTaken) {
-    number = 1;
-    if (_nextOffset == range.start) {
-      _nextOffset = range.start + range.length;
-    }
-  } else {
-    _nextOffset = range.start;
-  }
   const std::int64_t end = range.start + range.length;
-  while (_nextOffset < end) {
-    const std::int64_t length = std::min(chunkSize, end - _nextOffset);
-    KOVO_ASSERT(length > 0, "numberedRange.length > 0");
-    if (length <= 0) {
-      return;
-    }
-    _ranges.emplace_back(_nextOffset, length, number);
-    _nextOffset += length;
-    ++number;
+  if (!firstRangeTaken) {
+    _nextOffset = range.start;
+  } else if (_nextOffset == range.start) {
+    _nextOffset = end;
   }
+  if (_nextOffset >= end) {
+    return;
+  }
+  const std::int64_t rest = end - _nextOffset;
+  KOVO_ASSERT(chunkSize > 0, "numberedRange.length > 0");
+  if (chunkSize <= 0 || (rest - 1) / chunkSize >= INT32_MAX - 1) {
+    throw std::length_error("More chunks than can be numbered");
+  }
+  _uncut = KovoNumberedRange(_nextOffset, rest, firstRangeTaken ? 1 : 0);
+  _cutSize = chunkSize;
+  _nextOffset = end;
 }
 
 void ChunkedTransfer::clearRanges() {
   ScopedLock guard(_rangeLock);
   _ranges.clear();
+  _uncut.length = 0;
 }
 
 bool ChunkedTransfer::hasRangesRemaining() const {
   ScopedLock guard(_rangeLock);
-  return !_ranges.empty();
+  return !_ranges.empty() || _uncut.length != 0;
 }
 
 bool ChunkedTransfer::hasAvailableRanges() const {
@@ -406,11 +426,18 @@ bool ChunkedTransfer::hasAvailableRanges() const {
 
 bool ChunkedTransfer::popNextRange(KovoNumberedRange& range) {
   ScopedLock guard(_rangeLock);
-  if (_ranges.empty()) {
+  if (!_ranges.empty()) {
+    range = _ranges.front();
+    _ranges.pop_front();
+    return true;
+  }
+  if (_uncut.length == 0) {
     return false;
   }
-  range = _ranges.front();
-  _ranges.pop_front();
+  range = KovoNumberedRange(_uncut.start, std::min(_cutSize, _uncut.length), _uncut.number);
+  _uncut.start += range.length;
+  _uncut.length -= range.length;
+  ++_uncut.number;
   return true;
 }
 
@@ -424,7 +451,8 @@ void ChunkedTransfer::requeueRange(const KovoNumberedRange& range) {
 
 std::uint32_t ChunkedTransfer::getNumberOfChunksRemaining() const {
   ScopedLock guard(_rangeLock);
-  return static_cast<std::uint32_t>(_ranges.size());
+  const std::int64_t uncut = _uncut.length == 0 ? 0 : (_uncut.length - 1) / _cutSize + 1;
+  return static_cast<std::uint32_t>(_ranges.size()) + static_cast<std::uint32_t>(uncut);
 }
 
 }  // namespace kovo

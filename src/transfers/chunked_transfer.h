@@ -108,7 +108,11 @@ class ChunkedTransfer : public Transfer {
   void recordException(const char* operation, const char* what);
 
   mutable RecursiveLock _rangeLock;
+  // Put back, or of unknown length; before everything that is not cut yet.
   std::list<KovoNumberedRange> _ranges KOVO_GUARDED_BY(_rangeLock);
+  // The rest, which is cut as it is taken: what a server says of a size costs no memory.
+  KovoNumberedRange _uncut KOVO_GUARDED_BY(_rangeLock);
+  std::int64_t _cutSize KOVO_GUARDED_BY(_rangeLock) = 0;
   std::atomic<std::uint32_t> _state{init};  // changed under _mainLock
   std::int64_t _nextOffset = 0;             // used under _mainLock, or before submission
 };

@@ -1,5 +1,7 @@
 #include "transfers/serial_transfer.h"
 
+#include <cxxabi.h>
+
 #include <utility>
 
 #include "core/assertion.h"
@@ -36,8 +38,9 @@ std::unique_ptr<Work> SerialTransfer::makeRequest() {
           setExpectedLength(inner.getBodyLength());
           return true;
         } catch (const std::exception& exception) {
-          setError(makeKovoError(KOVO_ERROR_OPERATION_ERROR,
-                                 std::string("Unexpected exception caught: ") + exception.what()));
+          setError(makeKovoError(
+              KOVO_ERROR_OPERATION_ERROR,
+              std::string("getNextWork - Unexpected exception caught: ") + exception.what()));
           return false;
         }
       },
@@ -69,6 +72,12 @@ Work* SerialTransfer::getNextWork() {
           KOVO_ERROR_OPERATION_ERROR,
           std::string("getNextWork - Unexpected exception caught: ") + exception.what()));
       _state = TRANSFER_STATE_FINISHING;
+    } catch (abi::__forced_unwind&) {
+      throw;
+    } catch (...) {
+      setError(
+          makeKovoError(KOVO_ERROR_OPERATION_ERROR, "getNextWork: Unexpected Exception Thrown"));
+      _state = TRANSFER_STATE_FINISHING;
     }
   }
   if (work == nullptr) {
@@ -99,18 +108,29 @@ bool SerialTransfer::onFinish(Work* work) {
   KOVO_ASSERT(work, "work");
   KOVO_ASSERT(TRANSFER_STATE_WAITING_RESPONSE == _state || TRANSFER_STATE_FINISHING == _state,
               "TRANSFER_STATE_WAITING_RESPONSE == _state || TRANSFER_STATE_FINISHING == _state");
-  try {
-    notifyFinal();
-  } catch (const std::exception& exception) {
-    const std::string text =
-        std::string("onFinish - Unexpected exception caught: ") + exception.what();
+  const auto failed = [this](const std::string& text) {
     KOVO_LOG(KOVO_LOG_ERROR, "kovo::SerialTransfer::onFinish", "%s", text.c_str());
     addNotification([this, text] {
       _callbackHandler->invokeErrorCallback(makeKovoError(KOVO_ERROR_OPERATION_ERROR, text));
     });
+  };
+  try {
+    notifyFinal();
+  } catch (const std::exception& exception) {
+    failed(std::string("onFinish - Unexpected exception caught: ") + exception.what());
+  } catch (abi::__forced_unwind&) {
+    throw;
+  } catch (...) {
+    failed("onFinish - Unknown exception caught");
   }
   _state = Finished;
   removeActiveWork(work);
+  if (getActiveWorkCount() != 0) {
+    KOVO_LOG(KOVO_LOG_CRITICAL, "kovo::SerialTransfer::onFinish",
+             "Serial Transfer in finished state with non zero active work count: %d",
+             static_cast<int>(getActiveWorkCount()));
+    KOVO_ASSERT(false, "!finished || getActiveWorkCount() == 0");
+  }
   return isFinished();
 }
 

@@ -6,6 +6,7 @@
 #include "core/assertion.h"
 #include "core/kovo_settings.h"
 #include "http/kovo_http_utils.h"
+#include "http/proxy_config.h"
 #include "http/request.h"
 #include "log/kovo_log.h"
 #include "platform/kovo_utils.h"

@@ -105,19 +105,26 @@ void ChunkedUpload::computeChecksum() {
 }
 
 void ChunkedUpload::startChecksum() {
-  _checksum.start("kovo-checksum", [this](const std::function<bool()>& isStopped) {
-    const Interrupt interrupt = [this, &isStopped] { return isStopped() || isCancelled(); };
-    try {
-      LinuxDatasourcesCrossPlatform sources;
-      sources.openFile(_callbackHandler, getFilePath());
-      _md5Sum = sources.getMD5Checksum(&interrupt);
-      storeResponse();
-    } catch (const std::exception& exception) {
-      // Costs the upload its resumability and nothing else.
-      KOVO_LOG(KOVO_LOG_WARN, "kovo::ChunkedUpload::startChecksum", "%s for file %s",
-               exception.what(), getFilePath().c_str());
-    }
-  });
+  // Costs the upload its resumability and nothing else.
+  const auto failed = [this](const std::exception& exception) {
+    KOVO_LOG(KOVO_LOG_WARN, "kovo::ChunkedUpload::startChecksum", "%s for file %s",
+             exception.what(), getFilePath().c_str());
+  };
+  try {
+    _checksum.start("kovo-checksum", [this, failed](const std::function<bool()>& isStopped) {
+      const Interrupt interrupt = [this, &isStopped] { return isStopped() || isCancelled(); };
+      try {
+        LinuxDatasourcesCrossPlatform sources;
+        sources.openFile(_callbackHandler, getFilePath());
+        _md5Sum = sources.getMD5Checksum(&interrupt);
+        storeResponse();
+      } catch (const std::exception& exception) {
+        failed(exception);
+      }
+    });
+  } catch (const std::exception& exception) {
+    failed(exception);  // no thread to be had
+  }
 }
 
 // --- Resume database ----------------------------------------------------------------------------

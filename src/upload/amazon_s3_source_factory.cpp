@@ -6,9 +6,9 @@
 #include "body/null_source.h"
 #include "body/string_stream_sink.h"
 #include "http/kovo_http_utils.h"
+#include "http/query_url.h"
 #include "log/kovo_log.h"
 #include "upload/amazon_s3_source.h"
-#include "upload/query_url.h"
 
 namespace kovo {
 namespace {

@@ -1,12 +1,12 @@
 #include "upload/amazon_server.h"
 
 #include "http/kovo_http_utils.h"
+#include "http/query_url.h"
 #include "log/kovo_log.h"
 #include "platform/kovo_utils.h"
 #include "platform/url.h"
 #include "upload/aws_signature.h"
 #include "upload/json_text.h"
-#include "upload/query_url.h"
 
 namespace kovo {
 namespace {

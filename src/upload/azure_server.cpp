@@ -1,10 +1,10 @@
 #include "upload/azure_server.h"
 
 #include "http/kovo_http_utils.h"
+#include "http/query_url.h"
 #include "log/kovo_log.h"
 #include "platform/kovo_utils.h"
 #include "upload/json_text.h"
-#include "upload/query_url.h"
 
 namespace kovo {
 namespace {

@@ -26,7 +26,7 @@ std::unique_ptr<DataSource> NoMimeSourceFactory::createFinalisationSource(const 
 
 std::unique_ptr<DataSink> NoMimeSourceFactory::createResponseSink(
     std::shared_ptr<ClientCallbackHandler> callbackHandler) {
-  return std::make_unique<MemorySink>(std::move(callbackHandler), 0);
+  return std::make_unique<MemorySink>(std::move(callbackHandler), 0, false);
 }
 
 kovo_http_verb NoMimeSourceFactory::getFinalisationMethod() const {

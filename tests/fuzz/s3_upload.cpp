@@ -3,9 +3,9 @@
 
 #include "fuzz/fuzz_target.h"
 #include "fuzz/uploads.h"
+#include "http/query_url.h"
 #include "platform/url.h"
 #include "upload/amazon_s3_source_factory.h"
-#include "upload/query_url.h"
 
 using kovo::AmazonS3SourceFactory;
 using kovo::test::contains;

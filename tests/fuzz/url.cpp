@@ -6,7 +6,7 @@
 
 #include "fuzz/fuzz_target.h"
 #include "http/kovo_http_utils.h"
-#include "upload/query_url.h"
+#include "http/query_url.h"
 #include "upload/s3_endpoint.h"
 
 using kovo::KovoHttpUtils;

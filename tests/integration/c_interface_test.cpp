@@ -356,9 +356,24 @@ TEST(Configuration, AnEngineWithoutADataDirectoryStillDownloads) {
   options.dataHome = folder.file("not-a-folder/below");
   const Resource resource(4, 3 * kChunk);
   FaultOrigin origin(serveResource(resource));
-  TestEngine engine(options);
-  ASSERT_TRUE(engine.wait(engine.download(origin.url(), engine.file("out"))));
-  EXPECT_EQ(resource.differenceTo(engine.file("out")), "");
+  const auto before = std::filesystem::current_path();
+  std::filesystem::current_path(folder.path());
+  uint32_t messages = 0;
+  {
+    TestEngine engine(options);
+    ASSERT_TRUE(engine.wait(engine.download(origin.url(), engine.file("out"))));
+    EXPECT_EQ(resource.differenceTo(engine.file("out")), "");
+    kovoRegisterLoggingCallback([](uint32_t, const char*, const char*, const char*, uint32_t,
+                                   void* context) { ++*static_cast<uint32_t*>(context); },
+                                &messages);
+  }
+  const uint32_t messagesBefore = messages;
+  TestEngine later(options);
+  EXPECT_EQ(messages, messagesBefore) << "the last engine took the logging callback with it";
+  std::filesystem::current_path(before);
+  for (const auto& entry : std::filesystem::directory_iterator(folder.path())) {
+    EXPECT_NE(entry.path().extension(), ".log") << "a log file in the working directory";
+  }
 }
 
 TEST(Monitor, RecordsHaveTheirLayout) {

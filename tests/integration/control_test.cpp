@@ -2,12 +2,15 @@
 
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
+#include <future>
 #include <ostream>
 #include <thread>
+#include <utility>
 
 #include "integration/small_chunks.h"
 #include "support/gate.h"
@@ -570,6 +573,108 @@ TEST(Crowd, FourEnginesAtOnce) {
     });
   }
   for (std::thread& client : clients) client.join();
+}
+
+/* A host that pauses and resumes twice while it is being told of the first pause. */
+TEST(Control, AResumeTakesBackAReportThatHasNotBeenMade) {
+  const Resource resource(23, 300 * kChunk);
+  std::atomic<int> inFlight{0};
+  FaultOrigin origin(
+      [&, serve = serveResource(resource)](const OriginRequest& request, Responder& to) {
+        ++inFlight;
+        std::this_thread::sleep_for(milliseconds(5));
+        serve(request, to);
+        --inFlight;
+      });
+  TestEngineOptions options = smallChunksUncached();
+  options.hardware = 3;
+  TestEngine engine(options);
+  Gate mayGoOn;
+  TransferHooks hooks;
+  hooks.onPaused = [&] { mayGoOn.waitFor(milliseconds(20000)); };
+  TransferRecord& record = engine.download(origin.url(), engine.file("out"), hooks);
+  for (int i = 0; i < 2; ++i) {
+    const size_t before = origin.requestCount();
+    EXPECT_TRUE(
+        waitUntil([&] { return origin.requestCount() >= before + 4; }, milliseconds(10000)));
+    EXPECT_EQ(engine.pause(record), KOVO_ERROR_NONE);
+    EXPECT_TRUE(waitUntil([&] { return inFlight == 0; }, milliseconds(10000)));
+    /* Nothing tells that the second pause has drained; come too soon, the test sees less. */
+    std::this_thread::sleep_for(milliseconds(100));
+    EXPECT_EQ(engine.resume(record), KOVO_ERROR_NONE);
+  }
+  mayGoOn.open();
+  ASSERT_TRUE(engine.wait(record));
+  EXPECT_EQ(record.events().pauses, 1u);
+  EXPECT_EQ(resource.differenceTo(engine.file("out")), "");
+}
+
+/* It may wait for locks of the host's that other threads hold while they call the library. */
+TEST(Control, HoldsNoLockWhileTheLoggingCallbackRuns) {
+  struct Log {
+    TestEngine* engine = nullptr;
+    std::atomic<uint32_t> calls{0};
+    std::atomic<uint32_t> blocked{0};
+    std::atomic<uint32_t> destroyed{0};
+  } log;
+  StalledTransfer transfer(Stage::kQueued);
+  log.engine = &transfer.engine();
+  static thread_local bool isInside = false;
+  kovoRegisterLoggingCallback(
+      [](uint32_t, const char*, const char*, const char*, uint32_t, void* context) {
+        Log& to = *static_cast<Log*>(context);
+        if (std::exchange(isInside, true)) return;
+        ++to.calls;
+        kovo_instance instance = to.engine->instance();
+        if (kovoDestroy(&instance) == KOVO_ERROR_NONE) ++to.destroyed;
+        std::packaged_task<void()> call([instance] {
+          isInside = true;
+          kovoCancel(instance, 1'000'000);
+          kovo_async_token token = NOTHING_ASYNC_TOKEN;
+          kovoResume(instance, 1'000'000, nullptr, &token);
+        });
+        const auto done = call.get_future();
+        std::thread other(std::move(call));
+        if (done.wait_for(std::chrono::seconds(10)) != std::future_status::ready) ++to.blocked;
+        other.join();
+        isInside = false;
+      },
+      &log);
+  kovoSetLogLevel(KOVO_LOG_INFO);
+  EXPECT_EQ(transfer.engine().pause(transfer.record()), KOVO_ERROR_NONE);
+  EXPECT_TRUE(transfer.engine().waitForPause(transfer.record()));
+  EXPECT_EQ(transfer.engine().resume(transfer.record()), KOVO_ERROR_NONE);
+  kovoSetLogLevel(KOVO_LOG_WARN);
+  kovoRegisterLoggingCallback(nullptr, nullptr);
+  EXPECT_GT(log.calls, 0u);
+  EXPECT_EQ(log.blocked, 0u);
+  EXPECT_EQ(log.destroyed, 0u) << "an engine cannot go under its caller";
+}
+
+/* What this transfer has not made it does not take away. */
+TEST(Control, ADeviceOrAFileNotYetBegunIsLeftAlone) {
+  const std::string device = "/dev/null";
+  FaultOrigin origin(serveResource(kResource));
+  {
+    TestEngine engine(smallChunksUncached());
+    const std::string path = engine.file("null");
+    std::filesystem::create_symlink(device, path);
+    const std::string pipe = engine.file("pipe");
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    const TransferRecord& discarded = engine.download(origin.url(), path);
+    const TransferRecord& refused = engine.download(origin.url(), pipe);
+    ASSERT_TRUE(engine.wait(discarded));
+    ASSERT_TRUE(engine.wait(refused));
+    EXPECT_EQ(discarded.events().completions, 1u) << discarded.events().errorText;
+    EXPECT_EQ(refused.events().errors, 1u);
+    EXPECT_TRUE(std::filesystem::is_symlink(path));
+    EXPECT_TRUE(std::filesystem::exists(pipe));
+  }
+  StalledTransfer queued(Stage::kQueued);
+  writeFile(queued.path(), "the user's");
+  queued.engine().destroy();
+  EXPECT_EQ(queued.record().events().errors, 1u);
+  EXPECT_EQ(readFile(queued.path()), "the user's");
 }
 
 }  // namespace

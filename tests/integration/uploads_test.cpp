@@ -131,6 +131,24 @@ TEST_F(Upload, PlainSendsOneRequestWithTheWholeBody) {
   EXPECT_EQ(_mock.origin().requestCount(), 2u);
 }
 
+TEST_F(Upload, ProgressRunsOverTheBodyThatIsSent) {
+  const std::string answer(300'000, 'a');
+  setIntercept([&answer](const OriginRequest&, Responder&) { return Refusal{200, {}, answer}; });
+  TestEngineOptions options;
+  options.config.progressInterval = 1;
+  TestEngine engine(options);
+  TransferHooks hooks;
+  hooks.requestBody = "from memory";
+  const TransferRecord& upload =
+      engine.uploadFromMemory(KOVO_HTTP_PUT, _mock.url("/memory"), hooks);
+  const TransferRecord& post = engine.sendRequest(KOVO_HTTP_POST, _mock.url("/post"), hooks);
+  for (const TransferRecord* record : {&upload, &post}) {
+    ASSERT_TRUE(engine.wait(*record));
+    EXPECT_EQ(record->events().wholeBody().size(), answer.size());
+    EXPECT_EQ(record->events().progress.back().first, 11u) << "the answer does not count";
+  }
+}
+
 TEST_F(Upload, EmptyBodiesKeepTheConnectionInStep) {
   const std::string path = _folder.file("empty");
   writeFile(path, "");

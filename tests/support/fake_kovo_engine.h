@@ -5,7 +5,7 @@
 #include "callbacks/callback_table.h"
 #include "core/kovo_engine.h"
 #include "core/kovo_settings.h"
-#include "core/proxy_config.h"
+#include "http/proxy_config.h"
 
 namespace kovo::test {
 

@@ -9,6 +9,7 @@
 
 #include "callbacks/client_callback_handler.h"
 #include "core/abstract_transfer.h"
+#include "http/proxy_config.h"
 #include "http/request.h"
 #include "platform/platform_file_stream.h"
 #include "scheduling/kovo_stats_aggregator.h"

@@ -33,7 +33,7 @@ class SinksTest : public testing::Test {
 };
 
 TEST_F(SinksTest, MemoryGetsOffsetsOfTheResource) {
-  MemorySink sink(_client, 4096);
+  MemorySink sink(_client, 4096, true);
   sink.write(nullptr, 5);
   write(sink, "");
   write(sink, "abc");

@@ -59,8 +59,10 @@ TEST_F(RangeCache, MatchesByStrongNonEmptyValidatorsOnly) {
       {"both", {"\"e\"", "Thu"}, HttpGetCache::Hit},
       {"both", {"", "Wed"}, HttpGetCache::Hit},
       {"both", {"W/\"e\"", "Wed"}, HttpGetCache::Hit},
+      {"both", {"\"f\"", "Wed"}, HttpGetCache::Hit},
       // One second is long enough for two versions; the tags say that these are two.
-      {"both", {"\"f\"", "Wed"}, HttpGetCache::Miss},
+      {"both", decisiveValidators("\"f\"", "Wed"), HttpGetCache::Miss},
+      {"both", decisiveValidators("W/\"f\"", "Wed"), HttpGetCache::Hit},
       {"both", {"", ""}, HttpGetCache::Miss},
       {"dated", {"\"f\"", "Wed"}, HttpGetCache::Hit},
       {"dated", {"\"f\"", ""}, HttpGetCache::Miss},
@@ -83,7 +85,7 @@ TEST_F(RangeCache, FindsTheEntryAmongManyOfItsResource) {
   EXPECT_EQ(get(4200, 100), HttpGetCache::Hit);
   EXPECT_EQ(get(4250, 100), HttpGetCache::Miss);
   EXPECT_EQ(get(20000, 100, {"\"e\"", "Wed"}), HttpGetCache::Hit);
-  EXPECT_EQ(get(4200, 100, {"\"third\"", "Wed"}), HttpGetCache::Miss);
+  EXPECT_EQ(get(4200, 100, decisiveValidators("\"third\"", "Wed")), HttpGetCache::Miss);
 }
 
 TEST_F(RangeCache, DoesNotKeepTheSameRangeTwice) {

@@ -58,7 +58,9 @@ TEST_F(RequestMessageTest, ParametersGoIntoTheQuery) {
   const std::pair<std::string, std::string> cases[] = {
       {"http://host/p", "http://host/p?a=1&b=x%20y"},
       {"http://host/p?q=1", "http://host/p?q=1&a=1&b=x%20y"},
-      {"http://host/p#part", "http://host/p?a=1&b=x%20y"},
+      {"http://host/p?", "http://host/p?a=1&b=x%20y"},
+      {"http://host/p#part?", "http://host/p?a=1&b=x%20y"},
+      {"http://host?q", "http://host/?q&a=1&b=x%20y"},
       {"http://host", "http://host/?a=1&b=x%20y"},
   };
   for (const auto& [url, expected] : cases) {

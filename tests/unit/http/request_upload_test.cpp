@@ -27,7 +27,7 @@ TEST_F(RequestUploadTest, FileIsStreamedAndCountedOnce) {
   EXPECT_EQ(_http.sent[0].header("Content-Type"), "application/octet-stream");
   EXPECT_EQ(_transfer.stats.uploaded, 300000u);
   EXPECT_EQ(_client->received, "ok");
-  EXPECT_EQ(_client->progress, 300002u);
+  EXPECT_EQ(_client->progress, 300000u) << "the answer does not count";
 }
 
 TEST_F(RequestUploadTest, PartOfAFileIsSentAgainFromItsStart) {

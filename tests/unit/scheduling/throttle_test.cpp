@@ -111,6 +111,9 @@ TEST(StatsAggregatorTest, ASleepEndsWithItsTransferAndWithItsTarget) {
   aggregator.recordChunk(65536, false, &interrupt);
   EXPECT_EQ(clock.interrupted, 1);
   cancelled = false;
+  clock.duringSleep = [&] { aggregator.setTargetDataRates(7, 1); };
+  aggregator.recordChunk(65536, false, &interrupt);
+  EXPECT_EQ(clock.interrupted, 1) << "the same target once more";
   clock.duringSleep = [&] { aggregator.setTargetDataRates(0, 0); };
   aggregator.recordChunk(65536, false, &interrupt);
   EXPECT_EQ(clock.interrupted, 2);

@@ -25,13 +25,21 @@ class PlainChunks : public ChunkedTransfer {
   bool isChunkingAllowed() const override { return _chunking; }
   bool isCancellable() const override { return getState() < failing; }
 
-  std::vector<KovoNumberedRange> cut(std::int64_t total, bool firstRangeTaken) {
-    KovoNumberedRange first;
-    makeFirstRange(first);
+  void cutWithoutTaking(std::int64_t total, bool firstRangeTaken) {
+    firstRangeLength();
     setExpectedLength(static_cast<std::uint64_t>(total));
     createRanges(firstRangeTaken);
+  }
+  std::vector<KovoNumberedRange> cut(std::int64_t total, bool firstRangeTaken) {
+    cutWithoutTaking(total, firstRangeTaken);
     return ranges();
   }
+  std::int64_t firstRangeLength() {
+    KovoNumberedRange first;
+    makeFirstRange(first);
+    return first.length;
+  }
+  std::uint32_t remaining() const { return getNumberOfChunksRemaining(); }
   std::vector<KovoNumberedRange> ranges() {
     std::vector<KovoNumberedRange> all;
     for (KovoNumberedRange range; popNextRange(range);) {
@@ -138,6 +146,15 @@ TEST_F(ChunkedTransferTest, CutsTheRestIntoNumberedRanges) {
   EXPECT_EQ(flatten(ranged.cut(5000, true)), (Numbers{1, 1100, 100, 2, 1200, 50}));
 }
 
+TEST_F(ChunkedTransferTest, ASizeThatAServerNamesCostsNoMemory) {
+  EXPECT_THROW(PlainChunks(engine).cut(INT64_MAX, true), std::length_error) << "too many to number";
+  PlainChunks transfer(engine);
+  transfer.cutWithoutTaking(std::int64_t{INT32_MAX - 1} * 100, false);
+  EXPECT_EQ(transfer.remaining(), static_cast<std::uint32_t>(INT32_MAX - 1));
+  transfer.setRange(KovoRange(INT64_MAX - 10, 0));
+  EXPECT_EQ(transfer.firstRangeLength(), 10);
+}
+
 TEST_F(ChunkedTransferTest, PutsAFailedRangeBackInNumberOrder) {
   PlainChunks transfer(engine);
   for (const std::int32_t number : {3, 1, 2, 0}) {
@@ -186,6 +203,7 @@ TEST_F(ChunkedTransferTest, TheFirstErrorEndsItOnceTheLastChunkIsBack) {
   Work* second = take(transfer);
   transfer.setError(makeKovoError(KOVO_ERROR_NETWORK_ERROR, "first"));
   transfer.setError(makeKovoError(KOVO_ERROR_TIMEOUT, "second"));
+  EXPECT_EQ(transfer.getAvailableWorkCount(), 0U) << "nothing to choose it for";
   EXPECT_FALSE(giveBack(transfer, first));
   EXPECT_EQ(finals.failed, 0);
   EXPECT_TRUE(giveBack(transfer, second));
