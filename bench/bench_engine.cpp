@@ -86,14 +86,13 @@ void Engine::finished(const char* failure) {
     _failed = true;
     std::fprintf(stderr, "failed: %s\n", failure);
   }
-  _changed.notify_all();
+  if (_failed || static_cast<std::ptrdiff_t>(_running) <= _awaited) _changed.notify_all();
 }
 
 bool Engine::waitUntilAtMost(std::size_t count) {
   std::unique_lock<std::mutex> hold(_mutex);
-  _changed.wait(hold, [&] {
-    return static_cast<std::ptrdiff_t>(_running) <= static_cast<std::ptrdiff_t>(count);
-  });
+  _awaited = static_cast<std::ptrdiff_t>(count);
+  _changed.wait(hold, [&] { return static_cast<std::ptrdiff_t>(_running) <= _awaited; });
   return !_failed;
 }
 

@@ -49,6 +49,7 @@ class Engine {
   std::mutex _mutex;
   std::condition_variable _changed;
   std::size_t _running = 0;
+  std::ptrdiff_t _awaited = 0;  // at most so many are to be running
   bool _failed = false;
 };
 

@@ -8,6 +8,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "integration/chaos.h"
@@ -36,6 +37,8 @@ constexpr uint32_t kPercent = 8;
 constexpr uint64_t kMiB = 1024 * 1024;
 /* What allocators and sanitizers take beyond what the program holds. */
 constexpr uint64_t kResidentSlack = 32 * kMiB;
+/* Logs, libraries and the test's own samples. */
+constexpr uint64_t kHeapSlack = 256 * 1024;
 
 enum class Traffic { kFile, kMemory, kRequest, kPlain, kS3, kSync };
 
@@ -152,11 +155,19 @@ class Life {
   TestEngine _engine{smallChunks()};
 };
 
-uint64_t medianOfResident(std::vector<ProcessFigures> samples) {
-  std::sort(samples.begin(), samples.end(), [](const auto& one, const auto& other) {
-    return one.residentBytes < other.residentBytes;
-  });
-  return samples[samples.size() / 2].residentBytes;
+using Figure = uint64_t ProcessFigures::*;
+
+/** Of the second quarter and of the last. */
+std::pair<uint64_t, uint64_t> mediansOf(const std::vector<ProcessFigures>& samples, Figure figure) {
+  const size_t quarter = samples.size() / 4;
+  const auto median = [&](size_t first) {
+    std::vector<uint64_t> values;
+    for (size_t i = first; i < first + quarter; ++i) values.push_back(samples[i].*figure);
+    std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(quarter / 2),
+                     values.end());
+    return values[quarter / 2];
+  };
+  return {median(quarter), median(samples.size() - quarter)};
 }
 
 TEST(Soak, NothingGrows) {
@@ -190,16 +201,16 @@ TEST(Soak, NothingGrows) {
     EXPECT_LE(samples.back().threads, samples[0].threads);
   }
   kovoSetS3Endpoint(nullptr);
-  const auto quarter = static_cast<std::ptrdiff_t>(samples.size() / 4);
-  const uint64_t early =
-      medianOfResident({samples.begin() + quarter, samples.begin() + 2 * quarter});
-  const uint64_t late = medianOfResident({samples.end() - quarter, samples.end()});
+  const auto [early, late] = mediansOf(samples, &ProcessFigures::residentBytes);
   EXPECT_LE(late, early + early / 10 + kResidentSlack);
+  const auto [heapEarly, heapLate] = mediansOf(samples, &ProcessFigures::heapBytes);
+  EXPECT_LE(heapLate, heapEarly + kHeapSlack);
   EXPECT_GT(completed, transfers / 3);
   std::cout << samples.size() << " engines, " << transfers << " transfers, " << completed
             << " completed; " << samples.back().threads << " threads, "
             << samples.back().descriptors << " descriptors, resident " << early / kMiB
-            << " MiB early, " << late / kMiB << " MiB late; over time";
+            << " MiB early, " << late / kMiB << " MiB late; allocated " << heapEarly / 1024
+            << " KiB early, " << heapLate / 1024 << " KiB late; resident over time";
   for (size_t i = 0; i < 12; ++i) {
     std::cout << ' ' << samples[i * (samples.size() - 1) / 11].residentBytes / kMiB;
   }

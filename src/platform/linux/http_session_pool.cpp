@@ -54,25 +54,31 @@ HttpSessionPool::Sessions::iterator HttpSessionPool::find(const HttpSessionPolic
 
 std::unique_ptr<HttpSession> HttpSessionPool::take(const HttpSessionPolicy& policy,
                                                    const std::string& origin) {
-  Sessions expired;
+  Sessions closing;
   std::shared_ptr<CurlShare> share;
-  {
-    ScopedLock held(_lock);
-    takeExpired(expired);
-    for (auto chosen = find(policy, origin); chosen != _idle.end(); chosen = find(policy, origin)) {
-      std::unique_ptr<HttpSession> session = std::move(*chosen);
-      _idle.erase(chosen);
-      if (session->holdsUnaskedBytes()) {
-        expired.push_back(std::move(session));
-        continue;
+  while (!share) {
+    std::unique_ptr<HttpSession> session;
+    {
+      ScopedLock held(_lock);
+      if (closing.empty()) {
+        takeExpired(closing);
       }
+      const auto chosen = find(policy, origin);
+      if (chosen == _idle.end()) {
+        if (!_share) {
+          _share = std::make_shared<CurlShare>();
+        }
+        share = _share;
+        break;
+      }
+      session = std::move(*chosen);
+      _idle.erase(chosen);
+    }
+    if (!session->holdsUnaskedBytes()) {
       session->noteOrigin(origin);
       return session;
     }
-    if (!_share) {
-      _share = std::make_shared<CurlShare>();
-    }
-    share = _share;
+    closing.push_back(std::move(session));
   }
   auto session = std::make_unique<HttpSession>(std::move(share), policy);
   session->noteOrigin(origin);
