@@ -10,8 +10,8 @@
  *     KOVO_ERROR_INSTANCE_NOT_INITIALISED. No exception ever crosses this interface, in either
  *     direction: an exception thrown by a callback is logged.
  *   - **Threads**: every function may be called from any thread, and from inside any callback,
- *     except that kovoDestroy called on one of the library's own threads (that is, from inside a
- *     callback of any engine) returns KOVO_ERROR_UNKNOWN and changes nothing.
+ *     except that kovoDestroy called from inside a callback of any engine, or the logging callback,
+ *     returns KOVO_ERROR_UNKNOWN and changes nothing.
  *   - **Blocking**: starting, cancelling, pausing and resuming never wait for the network.
  *     kovoCreate opens the local databases; kovoDestroy waits for running callbacks and stops every
  *     transfer within a second.

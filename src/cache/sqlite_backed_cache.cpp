@@ -86,7 +86,7 @@ SqliteBackedCache::SqliteBackedCache(const std::string& databasePath, std::uint6
   }
   _hasDatabase = open(databasePath);
   if (!_hasDatabase) {
-    KOVO_LOG(KOVO_LOG_WARN, "kovo::SqliteBackedCache::SqliteBackedCache",
+    KOVO_LOG(KOVO_LOG_INFO, "kovo::SqliteBackedCache::SqliteBackedCache",
              "GET cache not used: its database cannot be opened");
   }
 }

@@ -389,8 +389,10 @@ void WKovoRequest::finishBody() {
   _deliveredWholeResource =
       _complete && (_statusCode == 200 || _statusCode == 203) && _httpVerb == KOVO_HTTP_GET;
   if (_complete && _cacheBody) {
-    _parentTransfer.getGetCache()->storeBody(getCacheKey(), _responseHeaders,
-                                             std::move(*_cacheBody));
+    // Empty for a transfer that has just been cancelled.
+    if (const std::string key = getCacheKey(); !key.empty()) {
+      _parentTransfer.getGetCache()->storeBody(key, _responseHeaders, std::move(*_cacheBody));
+    }
   }
 }
 

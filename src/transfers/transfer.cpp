@@ -38,7 +38,7 @@ kovo_error Transfer::cancel(bool dueToError) {
   {
     ScopedLock guard(_stateLock);
     if (_outcome != Outcome::Undecided) {
-      return KOVO_ERROR_NOT_CANCELLABLE;
+      return _outcome == Outcome::Cancelled ? KOVO_ERROR_CANCELLED : KOVO_ERROR_NOT_CANCELLABLE;
     }
     if (!_cancelled && !dueToError && _error == nullptr && !isCancellable()) {
       return KOVO_ERROR_NOT_CANCELLABLE;
