@@ -94,9 +94,7 @@ std::vector<Option> CommonOptions::transferTable() {
        }},
       {0, "adaptive", "", "let the measured throughput choose the connections",
        [this](std::string_view) { adaptive = true; }},
-      {0, "limit-rate", "BYTES",
-       "most bytes per second, such as 5M (default no limit);\nan upload in one request is not "
-       "held back",
+      {0, "limit-rate", "BYTES", "most bytes per second, such as 5M (default no limit)",
        [this](std::string_view text) { bytesPerSecond = parseBytes(text, "--limit-rate"); }},
       {0, "retries", "N",
        "send a failed request again up to N times, after\ngrowing pauses (default 5)",

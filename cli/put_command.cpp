@@ -4,10 +4,12 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <optional>
 
 #include "command.h"
 #include "common_options.h"
 #include "failure.h"
+#include "paced_file.h"
 #include "quantity.h"
 #include "safe_text.h"
 #include "secrets.h"
@@ -27,6 +29,8 @@ struct PutOptions {
   std::uint64_t partSize = 8U << 20;
 
   bool inParts() const { return common.transfer.serverType != KOVO_SERVER_TYPE_DEFAULT; }
+  // The engine counts the body of a request once, before it is sent: it cannot hold back one.
+  bool pacesItself() const { return common.bytesPerSecond != 0 && !inParts(); }
 
   OptionTable table() {
     std::vector<Option> rows = {
@@ -76,15 +80,22 @@ class PutJob : public Job {
  public:
   PutJob(std::uint32_t id, const PutOptions& options, const std::string& path,
          const std::string& url, std::uint64_t size, Session& session)
-      : _options(options),
-        _path(path),
-        _url(url),
-        _size(size),
-        _transfer(id, options.common.transfer, {}, session.gate(), session.observer()) {}
+      : _options(options), _path(path), _url(url), _size(size) {
+    TransferHooks hooks;
+    if (options.pacesItself()) {
+      _paced.emplace(path, options.common.bytesPerSecond);
+      hooks.file = &*_paced;
+    }
+    _transfer.emplace(id, options.common.transfer, hooks, session.gate(), session.observer());
+  }
 
-  Transfer& transfer() override { return _transfer; }
+  Transfer& transfer() override { return *_transfer; }
   void start(kovo_instance instance) override {
-    _transfer.startUpload(instance, _options.verb, _url, _path);
+    if (_paced) {
+      _transfer->startUploadOfBody(instance, _options.verb, _url);
+    } else {
+      _transfer->startUpload(instance, _options.verb, _url, _path);
+    }
   }
   std::string label() const override { return printable(_path.substr(_path.rfind('/') + 1)); }
   const std::string& url() const override { return _url; }
@@ -102,7 +113,8 @@ class PutJob : public Job {
   const std::string _path;
   const std::string _url;
   const std::uint64_t _size;
-  Transfer _transfer;
+  std::optional<PacedFile> _paced;
+  std::optional<Transfer> _transfer;
 };
 
 ExitCode runPut(const std::vector<std::string>& arguments) {
@@ -118,7 +130,7 @@ ExitCode runPut(const std::vector<std::string>& arguments) {
   Session session(options.common);
   EngineOptions engineOptions = options.common.engineOptions(session.terminal());
   engineOptions.chunkSize = options.partSize;
-  engineOptions.uploadBytesPerSecond = options.common.bytesPerSecond;
+  engineOptions.uploadBytesPerSecond = options.pacesItself() ? 0 : options.common.bytesPerSecond;
   engineOptions.chunkUploads = options.inParts();
   return session.run(engineOptions, 1, 1, [&](std::uint32_t id) {
     return std::make_unique<PutJob>(id, options, path, url, size, session);

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <utility>
 
+#include "paced_file.h"
+
 namespace kovo::cli {
 
 namespace {
@@ -76,6 +78,14 @@ void Transfer::startUpload(kovo_instance instance, kovo_http_verb verb, const st
   kovo_async_token token = NOTHING_ASYNC_TOKEN;
   const kovo_error result = kovoUpload(instance, verb, url.c_str(), path.c_str(),
                                        KOVO_CHUNKING_DEFAULT, _options.priority, this, &token);
+  accepted(instance, result, token);
+}
+
+void Transfer::startUploadOfBody(kovo_instance instance, kovo_http_verb verb,
+                                 const std::string& url) {
+  kovo_async_token token = NOTHING_ASYNC_TOKEN;
+  const kovo_error result =
+      kovoUploadFromMemory(instance, verb, url.c_str(), _options.priority, this, &token);
   accepted(instance, result, token);
 }
 
@@ -212,8 +222,20 @@ void Transfer::onResponseBody(std::uint64_t offset, const std::uint8_t* data, st
   }
 }
 
+std::uint64_t Transfer::bodyLength() const {
+  return _hooks.file != nullptr ? _hooks.file->size() : _hooks.body.size();
+}
+
 std::uint64_t Transfer::onRequestBody(std::uint64_t offset, std::uint8_t* buffer,
-                                      std::uint64_t most) const {
+                                      std::uint64_t most) {
+  if (_hooks.file != nullptr) {
+    try {
+      return _hooks.file->read(offset, buffer, most);
+    } catch (const Failure& failure) {
+      giveUp(failure);
+      return 0;
+    }
+  }
   const std::string_view body = _hooks.body;
   if (offset >= body.size()) return 0;
   const std::uint64_t count = std::min<std::uint64_t>(most, body.size() - offset);

@@ -19,6 +19,8 @@
 
 namespace kovo::cli {
 
+class PacedFile;
+
 // What the user asked of one transfer.
 struct TransferOptions {
   HeaderList headers;
@@ -41,8 +43,9 @@ struct TransferHooks {
   // Takes the body of a successful answer; of every answer with bodyOfErrors.
   BodySink* sink = nullptr;
   bool bodyOfErrors = false;
-  // The body to send.
+  // The body to send: a text, or a file.
   std::string_view body;
+  PacedFile* file = nullptr;
 };
 
 // Thrown by the complete hook: stop, but keep the library's record for the next run.
@@ -92,6 +95,8 @@ class Transfer {
                            std::uint64_t length);
   void startUpload(kovo_instance instance, kovo_http_verb verb, const std::string& url,
                    const std::string& path);
+  // What the hooks say is the body, in one request.
+  void startUploadOfBody(kovo_instance instance, kovo_http_verb verb, const std::string& url);
   void startRequest(kovo_instance instance, kovo_http_verb verb, const std::string& url,
                     bool acceptGzip);
 
@@ -111,7 +116,8 @@ class Transfer {
   void onStatusLine(std::uint32_t statusCode, const char* reason);
   void onResponseHeaders(const kovo_header_ref* headers, std::uint32_t count);
   void onResponseBody(std::uint64_t offset, const std::uint8_t* data, std::uint64_t size);
-  std::uint64_t onRequestBody(std::uint64_t offset, std::uint8_t* buffer, std::uint64_t most) const;
+  std::uint64_t bodyLength() const;
+  std::uint64_t onRequestBody(std::uint64_t offset, std::uint8_t* buffer, std::uint64_t most);
   void onProgress(std::uint64_t bytes, std::uint64_t total);
   void onMonitor(std::uint32_t type, const void* data, std::uint64_t length);
   void onRequestHeaders(kovo_header* headers, std::uint32_t capacity, std::uint32_t* count) const;

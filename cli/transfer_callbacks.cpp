@@ -31,7 +31,7 @@ class TransferCallbacks {
     *bytesRead = of(context).onRequestBody(offset, buffer, maxLength);
   }
   static void requestBodyLength(kovo_instance, std::uint64_t* length, void* context) {
-    *length = of(context)._hooks.body.size();
+    *length = of(context).bodyLength();
   }
   static void progress(kovo_instance, std::uint64_t bytes, std::uint64_t total, void* context) {
     of(context).onProgress(bytes, total);

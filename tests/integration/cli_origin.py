@@ -21,6 +21,7 @@ class Origin:
         self.held = 0
         self.fail_with = []      # statuses of the next answers to ranges past the first
         self.uploads = {}
+        self.begun = set()
         self.extra_headers = []
         origin = self
 
@@ -38,6 +39,7 @@ class Origin:
 
             def do_PUT(self):
                 size = int(self.headers["Content-Length"])
+                origin.begun.add(self.path)
                 origin.uploads[self.path] = self.rfile.read(size)
                 if self.path == "/stalling":
                     self.send_response(201)

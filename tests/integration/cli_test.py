@@ -507,6 +507,21 @@ class CliTest(unittest.TestCase):
         self.assertEqual(self.origin.uploads, {"/target": self.body})
         self.run_kovo("put", "absent", self.origin.url("/target"), expect=7)
 
+    def test_put_in_one_request_keeps_to_the_limit(self):
+        (self.work / "up").write_bytes(self.body)
+        start = time.monotonic()
+        self.run_kovo("put", "--limit-rate", str(2 * len(self.body)), "up", self.origin.url("/slow"))
+        self.assertGreater(time.monotonic() - start, 0.3)  # half a second, less what comes first
+        self.assertEqual(self.origin.uploads, {"/slow": self.body})
+        slow = self.start("put", "--limit-rate", "64K", "up", self.origin.url("/changed"))
+        deadline = time.monotonic() + PATIENCE
+        while "/changed" not in self.origin.begun and time.monotonic() < deadline:
+            time.sleep(0.01)
+        (self.work / "up").write_bytes(b"other")
+        _, errors = slow.communicate(timeout=PATIENCE)
+        self.assertEqual(slow.returncode, 7)
+        self.assertIn("up changed while it was sent", errors)
+
     def test_help_and_version(self):
         output, _ = self.run_kovo("--version")
         self.assertRegex(output, r"^kovo \d+\.\d+\.\d+")
