@@ -161,8 +161,9 @@ std::unique_ptr<Work> ChunkedDownload::createWorkForInit() {
     std::shared_ptr<KovoError> missing;
     _resuming = isResumabilityAllowed() && getFileStat(path, size, modified, missing);
   }
-  _ownsOutput = _resuming.load();
-  if (!_resuming) {
+  if (_resuming) {
+    _ownsOutput = true;
+  } else {
     _recordedChunkSize = 0;  // nothing is left that was cut the old way
   }
   setContentLengthUnknown();
