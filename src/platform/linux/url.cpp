@@ -29,6 +29,15 @@ std::string part(CURLU* url, CURLUPart which, unsigned int flags = 0) {
   return text;
 }
 
+// Whether a host whose escapes are decoded names the same host when it is read again: "3" would be
+// the address 0.0.0.3.
+bool isStable(const std::string& host) {
+  const UrlHandle again(::curl_url(), ::curl_url_cleanup);
+  return again != nullptr &&
+         ::curl_url_set(again.get(), CURLUPART_URL, ("http://" + host).c_str(), 0) == CURLUE_OK &&
+         part(again.get(), CURLUPART_HOST) == host;
+}
+
 bool isLetter(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
@@ -77,7 +86,8 @@ UrlParts splitUrl(const std::string& url) {
   }
   // Escapes in it are decoded by now. What they hid would end a header, or be decoded once more.
   if (std::any_of(parts.host.begin(), parts.host.end(),
-                  [](unsigned char c) { return c <= ' ' || c == 0x7F || c == '%'; })) {
+                  [](unsigned char c) { return c <= ' ' || c == 0x7F || c == '%'; }) ||
+      (url.find('%', authority) < authorityEnd && !isStable(parts.host))) {
     reject("the host's name");
   }
   char* port = nullptr;

@@ -76,6 +76,7 @@ TEST(UrlTest, MalformedUrlsAreRejectedWithoutTellingTheirSecrets) {
                                 "http://h\r\nHost: x/",
                                 "http://h%7f/",
                                 "http://h%2541/",
+                                "http://%33/",
                                 "http://h\\@x/"}) {
     SCOPED_TRACE(url);
     try {
