@@ -5,13 +5,7 @@
 #include "http/kovo_http_utils.h"
 #include "platform/linux/response_head_builder.h"
 
-using kovo::CacheableResponse;
-using kovo::Header;
-using kovo::HeaderList;
-using kovo::KovoHttpUtils;
-using kovo::ResponseHeadBuilder;
-using kovo::test::require;
-
+namespace kovo::test {
 namespace {
 
 constexpr std::uint64_t kEntryLimit = 1'000'000;
@@ -30,13 +24,13 @@ KOVO_FUZZ_TARGET(cacheable_response) {
   }
   const HeaderList& headers = builder.head().headers;
   CacheableResponse response;
-  if (!kovo::describeCacheable(headers, kEntryLimit, size, response)) {
+  if (!describeCacheable(headers, kEntryLimit, size, response)) {
     return;
   }
-  require(kovo::isCacheableResponse(headers, kEntryLimit), "what is described is cacheable");
+  require(isCacheableResponse(headers, kEntryLimit), "what is described is cacheable");
   require(size > 0 && size <= kEntryLimit, "an entry is within the limit");
   require(!response.etag.empty() || !response.lastModified.empty(), "an entry has a validator");
-  require(!kovo::isWeakEntityTag(response.etag), "the validator is a strong one");
+  require(!isWeakEntityTag(response.etag), "the validator is a strong one");
   require(response.firstByte <= INT64_MAX - size, "the entry's end is an offset");
   for (const auto& [name, value] : headers) {
     if (KovoHttpUtils::equalsIgnoreCase(name, "Content-Length")) {
@@ -65,3 +59,5 @@ KOVO_FUZZ_TARGET(cacheable_response) {
   require(KovoHttpUtils::validateContentRangeHeader(value, response.firstByte, size),
           "the request that got the body takes it for the same range");
 }
+
+}  // namespace kovo::test

@@ -7,10 +7,7 @@
 #include "transfers/decimal.h"
 #include "upload/upload_threshold.h"
 
-using kovo::KovoHttpUtils;
-using kovo::UploadThreshold;
-using kovo::test::require;
-
+namespace kovo::test {
 namespace {
 
 struct Parsed {
@@ -50,7 +47,7 @@ KOVO_FUZZ_TARGET(content_range) {
     require(parsed->first == start && parsed->last >= start, "a valid range begins where asked");
     require(length == 0 || parsed->last - start < length, "a valid range ends where asked");
     require(!parsed->total.empty(), "a valid range tells a total or that it is unknown");
-    require(parsed->total[0] == '*' || kovo::parseDecimal(parsed->total) > parsed->last,
+    require(parsed->total[0] == '*' || parseDecimal(parsed->total) > parsed->last,
             "a valid range lies within its resource");
   }
   if (length != 0 && start <= UINT64_MAX - length) {
@@ -66,8 +63,8 @@ KOVO_FUZZ_TARGET(content_range) {
   }
 
   try {
-    const std::uint64_t number = kovo::parseDecimal(value);
-    require(kovo::parseDecimal(std::to_string(number)) == number, "a number is read as written");
+    const std::uint64_t number = parseDecimal(value);
+    require(parseDecimal(std::to_string(number)) == number, "a number is read as written");
     UploadThreshold::set(number + 1);
     UploadThreshold::setFromHeader(value);
     require(UploadThreshold::get() == number, "both readers of numbers agree");
@@ -78,3 +75,5 @@ KOVO_FUZZ_TARGET(content_range) {
   }
   UploadThreshold::set(UploadThreshold::kInitial);
 }
+
+}  // namespace kovo::test

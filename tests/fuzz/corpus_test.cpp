@@ -2,11 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 
 #include "fuzz/fuzz_target.h"
+#include "support/resource.h"
 
 namespace kovo::test {
 namespace {
@@ -23,8 +22,7 @@ TEST_P(CorpusTest, EveryInputHolds) {
   ASSERT_TRUE(targets().count(GetParam()) == 1) << "no target of the folder's name";
   int inputs = 0;
   for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-    std::ifstream file(entry.path(), std::ios::binary);
-    const std::string bytes{std::istreambuf_iterator<char>(file), {}};
+    const std::string bytes = readFile(entry.path().string());
     EXPECT_LE(bytes.size(), 4096U) << entry.path();
     SCOPED_TRACE(entry.path());
     const auto* data = reinterpret_cast<const std::uint8_t*>(bytes.data());

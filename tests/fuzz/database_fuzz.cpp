@@ -3,17 +3,13 @@
 #include <sqlite3.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
+
+#include "support/resource.h"
 
 namespace kovo::test {
 namespace {
 
 constexpr int kMostSteps = 100'000;
-
-void writeWholeFile(const std::string& path, const std::string& bytes) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-}
 
 void patch(std::string& bytes, FuzzInput& input) {
   while (!input.isEmpty() && !bytes.empty()) {
@@ -47,11 +43,6 @@ void runStatements(const std::string& path, const std::string& statements) {
 
 }  // namespace
 
-std::string readWholeFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
 void emptyDirectory(const std::string& directory) {
   for (const auto& entry : std::filesystem::directory_iterator(directory)) {
     std::filesystem::remove(entry.path());
@@ -62,7 +53,7 @@ bool placeDatabase(FuzzInput& input, const std::string& path, const std::string&
   const std::uint8_t mode = input.byte();
   if (mode == 'r') {
     const std::string bytes = input.rest();
-    writeWholeFile(path, bytes);
+    writeFile(path, bytes);
     return true;
   }
   std::string bytes = own;
@@ -72,9 +63,9 @@ bool placeDatabase(FuzzInput& input, const std::string& path, const std::string&
   if (mode == 'p' || mode == 't') {
     patch(bytes, input);
   }
-  writeWholeFile(path, bytes);
+  writeFile(path, bytes);
   if (mode == 'w') {
-    writeWholeFile(path + "-wal", input.rest());
+    writeFile(path + "-wal", input.rest());
   } else if (mode == 's') {
     runStatements(path, input.rest());
   }

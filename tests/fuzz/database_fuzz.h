@@ -19,7 +19,6 @@ namespace kovo::test {
  */
 bool placeDatabase(FuzzInput& input, const std::string& path, const std::string& own);
 
-std::string readWholeFile(const std::string& path);
 /** Removes every file of a directory. */
 void emptyDirectory(const std::string& directory);
 

@@ -30,6 +30,9 @@ class FuzzInput {
   std::size_t _position = 0;
 };
 
+/** What no log line, error text or other host may show. */
+inline constexpr char kSecret[] = "PlantedSecret";
+
 /** Ends the process with the text: the fuzzer then keeps the input. */
 void require(bool condition, const char* text);
 

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <deque>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -15,18 +16,9 @@
 #include "platform/http_client.h"
 #include "support/socket.h"
 
-using kovo::Header;
-using kovo::HttpClient;
-using kovo::HttpRequestMessage;
-using kovo::HttpResponseHead;
-using kovo::test::contains;
-using kovo::test::FuzzInput;
-using kovo::test::require;
-using kovo::test::UniqueFd;
-
+namespace kovo::test {
 namespace {
 
-constexpr char kSecret[] = "PlantedSecret";
 constexpr char kProxySecret[] = "HiddenProxyWord";
 constexpr char kOrigin[] = "http://host.test/";
 constexpr int kPatienceMilliseconds = 50;
@@ -35,9 +27,8 @@ constexpr int kPatienceMilliseconds = 50;
 // its proxy. Each request gets the next answer as it is.
 class Server {
  public:
-  Server() : _listener(kovo::test::listenOnLoopback()), _thread([this] { run(); }) {
-    const std::string address =
-        "http://127.0.0.1:" + std::to_string(kovo::test::localPort(_listener));
+  Server() : _listener(listenOnLoopback()), _thread([this] { run(); }) {
+    const std::string address = "http://127.0.0.1:" + std::to_string(localPort(_listener));
     for (const char* name : {"http_proxy", "https_proxy", "all_proxy"}) {
       ::setenv(name, address.c_str(), 1);
     }
@@ -52,10 +43,9 @@ class Server {
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
-  void expect(std::vector<std::string> answers) {
+  void expect(std::deque<std::string> answers) {
     const std::lock_guard guard(_mutex);
     _answers = std::move(answers);
-    _next = 0;
     _requests.clear();
   }
   std::vector<std::string> requests() {
@@ -81,10 +71,11 @@ class Server {
       {
         const std::lock_guard guard(_mutex);
         _requests.push_back(std::exchange(received, {}));
-        if (_next < _answers.size()) {
-          answer = _answers[_next++];
+        if (!_answers.empty()) {
+          answer = std::move(_answers.front());
+          _answers.pop_front();
         }
-        isLast = _next >= _answers.size();
+        isLast = _answers.empty();
       }
       const std::size_t half = answer.size() / 2;
       send(connection, answer.substr(0, half));
@@ -116,13 +107,12 @@ class Server {
   const UniqueFd _listener;
   std::atomic<bool> _stopping{false};
   std::mutex _mutex;
-  std::vector<std::string> _answers;  /* guarded by _mutex */
-  std::size_t _next = 0;              /* guarded by _mutex */
+  std::deque<std::string> _answers;   /* guarded by _mutex */
   std::vector<std::string> _requests; /* guarded by _mutex */
   std::thread _thread;
 };
 
-class Body : public kovo::HttpRequestBody {
+class Body : public HttpRequestBody {
  public:
   std::uint64_t length() const override { return kLength; }
   bool read(std::uint8_t* buffer, std::size_t capacity, std::size_t& bytesRead) override {
@@ -141,8 +131,8 @@ class Body : public kovo::HttpRequestBody {
   std::size_t _position = 0;
 };
 
-std::vector<std::string> readAnswers(FuzzInput& input) {
-  std::vector<std::string> answers(1);
+std::deque<std::string> readAnswers(FuzzInput& input) {
+  std::deque<std::string> answers(1);
   while (!input.isEmpty()) {
     const std::string line = input.line();
     if (line == "----" && answers.size() < 13) {
@@ -155,19 +145,13 @@ std::vector<std::string> readAnswers(FuzzInput& input) {
 }
 
 const std::string* find(const HttpResponseHead& head, const char* name) {
-  for (const Header& header : head.headers) {
-    if (::strcasecmp(header.first.c_str(), name) == 0) {
-      return &header.second;
-    }
-  }
-  return nullptr;
+  const auto found = std::find_if(
+      head.headers.begin(), head.headers.end(),
+      [&](const Header& header) { return ::strcasecmp(header.first.c_str(), name) == 0; });
+  return found == head.headers.end() ? nullptr : &found->second;
 }
 
-std::string withoutZeros(const std::string& number) {
-  return number.substr(std::min(number.find_first_not_of('0'), number.size() - 1));
-}
-
-std::string readBody(kovo::HttpExchange& exchange, std::size_t count) {
+std::string readBody(HttpExchange& exchange, std::size_t count) {
   std::string body;
   std::vector<std::uint8_t> buffer(3000);
   std::size_t have = 0;
@@ -199,7 +183,7 @@ void checkRequests(const std::vector<std::string>& requests) {
 KOVO_FUZZ_TARGET(http_exchange) {
   static Server server;
   const std::uint8_t choice = input.byte();
-  const std::vector<std::string> answers = readAnswers(input);
+  const std::deque<std::string> answers = readAnswers(input);
   std::size_t sent = 0;
   for (const std::string& answer : answers) {
     if (contains(answer, kSecret) || contains(answer, kProxySecret)) {
@@ -237,10 +221,10 @@ KOVO_FUZZ_TARGET(http_exchange) {
         const std::string* length = find(head, "Content-Length");
         const bool isFramedByIt = length != nullptr && !find(head, "Transfer-Encoding") &&
                                   head.status != 204 && head.status != 304 && head.status != 101;
-        require(!isFramedByIt || withoutZeros(*length) == std::to_string(text.size()),
+        require(!isFramedByIt || std::stoull(*length) == text.size(),
                 "a body that ends well has its length");
       }
-    } catch (const kovo::HttpFailure& caught) {
+    } catch (const HttpFailure& caught) {
       failure = caught.what();
     }
   }
@@ -249,3 +233,5 @@ KOVO_FUZZ_TARGET(http_exchange) {
   checkRequests(server.requests());
   HttpClient::release();
 }
+
+}  // namespace kovo::test

@@ -5,10 +5,7 @@
 #include "upload/json_schema.h"
 #include "upload/json_text.h"
 
-using kovo::JSONSchema;
-using kovo::test::contains;
-using kovo::test::require;
-
+namespace kovo::test {
 namespace {
 
 constexpr char kBefore[] = "before";
@@ -44,14 +41,16 @@ KOVO_FUZZ_TARGET(json) {
 
   std::string value;
   const std::string plain = text.substr(0, text.find('\0'));
-  require(readMember("{\"m\":\"" + kovo::escapeJson(text) + "\"}", value) && value == plain,
+  require(readMember("{\"m\":\"" + escapeJson(text) + "\"}", value) && value == plain,
           "a text survives its escaping");
-  const std::string quoted = "\"" + kovo::escapeJson(text) + "\"";
-  require(kovo::isJsonString(quoted), "an escaped text is a JSON string");
+  const std::string quoted = "\"" + escapeJson(text) + "\"";
+  require(isJsonString(quoted), "an escaped text is a JSON string");
   for (const std::string& candidate : {text, "\"" + text + "\""}) {
-    if (kovo::isJsonString(candidate) && !holdsSurrogate(candidate)) {
+    if (isJsonString(candidate) && !holdsSurrogate(candidate)) {
       require(readMember("{\"x\":1,\"m\":" + candidate + ",\"y\":{}}", value),
               "what counts as a JSON string is one");
     }
   }
 }
+
+}  // namespace kovo::test

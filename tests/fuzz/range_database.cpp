@@ -4,15 +4,10 @@
 
 #include "cache/sqlite_backed_cache.h"
 #include "fuzz/database_fuzz.h"
+#include "support/resource.h"
 #include "support/temp_dir.h"
 
-using kovo::HeaderList;
-using kovo::HttpGetCache;
-using kovo::KovoRange;
-using kovo::SqliteBackedCache;
-using kovo::test::require;
-using kovo::test::TempDir;
-
+namespace kovo::test {
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
@@ -43,7 +38,7 @@ void store(SqliteBackedCache& cache, std::uint64_t first) {
 }
 
 bool isServed(SqliteBackedCache& cache, std::uint64_t first, std::size_t length,
-              const kovo::CacheValidators& validators) {
+              const CacheValidators& validators) {
   Bytes buffer(length);
   const KovoRange range(static_cast<std::int64_t>(first), static_cast<std::int64_t>(length));
   if (cache.getData(kUrl, validators, range, buffer.data(), buffer.size()) != HttpGetCache::Hit) {
@@ -65,7 +60,7 @@ struct Place {
         store(cache, first);
       }
     }
-    own = kovo::test::readWholeFile(database);
+    own = readFile(database);
   }
 };
 
@@ -73,8 +68,8 @@ struct Place {
 
 KOVO_FUZZ_TARGET(range_database) {
   static const Place place;
-  kovo::test::emptyDirectory(place.directory.path().string());
-  const bool isForeign = kovo::test::placeDatabase(input, place.database, place.own);
+  emptyDirectory(place.directory.path().string());
+  const bool isForeign = placeDatabase(input, place.database, place.own);
   {
     SqliteBackedCache cache(place.database, kTotalLimit, kEntryLimit);
     for (const std::uint64_t first : {0, 100, 500, 2000}) {
@@ -101,3 +96,5 @@ KOVO_FUZZ_TARGET(range_database) {
     isServed(cache, 12'000, kSize, {kTag, ""});
   }
 }
+
+}  // namespace kovo::test

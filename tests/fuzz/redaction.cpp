@@ -2,13 +2,9 @@
 #include "fuzz/fuzz_target.h"
 #include "upload/secret_redaction.h"
 
-using kovo::redactSecrets;
-using kovo::test::contains;
-using kovo::test::require;
-
+namespace kovo::test {
 namespace {
 
-constexpr char kSecret[] = "PlantedSecret";
 constexpr const char* kNames[] = {"Authorization", "sig",         "secretKey",
                                   "SessionToken",  "AccessKeyId", "x-amz-security-token"};
 
@@ -40,3 +36,5 @@ KOVO_FUZZ_TARGET(redaction) {
     }
   }
 }
+
+}  // namespace kovo::test

@@ -9,19 +9,9 @@
 #include "platform/linux/http_hop.h"
 #include "platform/url.h"
 
-using kovo::CurlUrl;
-using kovo::Header;
-using kovo::HeaderList;
-using kovo::HttpFailure;
-using kovo::HttpHop;
-using kovo::HttpRequestMessage;
-using kovo::KovoHttpUtils;
-using kovo::test::contains;
-using kovo::test::require;
-
+namespace kovo::test {
 namespace {
 
-constexpr char kSecret[] = "PlantedSecret";
 constexpr const char* kStarts[] = {
     "https://host.test/path?query",
     "http://host.test:8080/a/b/c",
@@ -83,10 +73,12 @@ KOVO_FUZZ_TARGET(redirect) {
       require(!contains(url, kSecret), "user information stays with its origin");
     }
     try {
-      require(KovoHttpUtils::equalsIgnoreCase(kovo::splitUrl(url).host, parsed.host()),
+      require(KovoHttpUtils::equalsIgnoreCase(splitUrl(url).host, parsed.host()),
               "both parsers see the same host");
     } catch (const std::invalid_argument&) {
       // Stricter than what a server may send.
     }
   }
 }
+
+}  // namespace kovo::test

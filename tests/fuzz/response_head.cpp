@@ -5,11 +5,7 @@
 
 #include "fuzz/fuzz_target.h"
 
-using kovo::Header;
-using kovo::HttpResponseHead;
-using kovo::ResponseHeadBuilder;
-using kovo::test::require;
-
+namespace kovo::test {
 namespace {
 
 bool isSame(const HttpResponseHead& one, const HttpResponseHead& other) {
@@ -62,3 +58,5 @@ KOVO_FUZZ_TARGET(response_head) {
     }
   }
 }
+
+}  // namespace kovo::test

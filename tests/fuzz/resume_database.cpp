@@ -1,14 +1,10 @@
 // The resume database as anybody may have left it.
-#include <fstream>
-
 #include "cache/sqlite_resume_cache.h"
 #include "fuzz/database_fuzz.h"
+#include "support/resource.h"
 #include "support/temp_dir.h"
 
-using kovo::SqliteResumeCache;
-using kovo::test::require;
-using kovo::test::TempDir;
-
+namespace kovo::test {
 namespace {
 
 constexpr char kTag[] = "\"tag\"";
@@ -24,7 +20,7 @@ struct Place {
   std::string own;
 
   Place() {
-    std::ofstream(file) << "bytes";
+    writeFile(file, "bytes");
     {
       SqliteResumeCache cache(base.c_str());
       cache.setDownloadGeometry(file, kUrl, 0, 100, 1000);
@@ -36,7 +32,7 @@ struct Place {
       cache.insertUploadedChunkEtag(file, 1, kTag);
       cache.insertUploadedChunkEtag(file, 2, kTag);
     }
-    own = kovo::test::readWholeFile(database);
+    own = readFile(database);
   }
 };
 
@@ -75,8 +71,8 @@ void readEverything(SqliteResumeCache& cache, const Place& place, bool isForeign
 
 KOVO_FUZZ_TARGET(resume_database) {
   static const Place place;
-  kovo::test::emptyDirectory(place.base);
-  const bool isForeign = kovo::test::placeDatabase(input, place.database, place.own);
+  emptyDirectory(place.base);
+  const bool isForeign = placeDatabase(input, place.database, place.own);
   {
     SqliteResumeCache cache(place.base.c_str());
     require(cache.isOpened() || !isForeign, "a foreign file is replaced");
@@ -98,3 +94,5 @@ KOVO_FUZZ_TARGET(resume_database) {
     require(!rows.empty() || !isForeign, "the cache that replaced a foreign file works");
   }
 }
+
+}  // namespace kovo::test

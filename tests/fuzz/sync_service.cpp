@@ -12,22 +12,15 @@
 #include "upload/secret_redaction.h"
 #include "upload/sync_service_source_factory.h"
 
-using kovo::HeaderList;
-using kovo::SyncServiceSourceFactory;
-using kovo::UrlParts;
-using kovo::test::contains;
-using kovo::test::FuzzInput;
-using kovo::test::require;
-
+namespace kovo::test {
 namespace {
 
 constexpr std::uint32_t kParts = 3;
-constexpr char kSecret[] = "PlantedSecret";
 constexpr std::size_t kPlantedSecrets = 4;
 
 // A whole answer out of lines, so that few inputs fail before they are of interest.
 std::string makeAnswer(FuzzInput& input, std::string& partLink) {
-  const auto text = [](const std::string& value) { return "\"" + kovo::escapeJson(value) + "\""; };
+  const auto text = [](const std::string& value) { return "\"" + escapeJson(value) + "\""; };
   const std::string provider = input.line();
   partLink = input.line();
   partLink.resize(std::min(partLink.find('\0'), partLink.size()));
@@ -50,7 +43,7 @@ void checkPart(SyncServiceSourceFactory& factory, std::uint32_t part, const std:
   const std::string url = factory.getChunkUrl("http://unused.test/", part, part + 1 == kParts);
   UrlParts parts;
   try {
-    parts = kovo::splitUrl(url);
+    parts = splitUrl(url);
   } catch (const std::invalid_argument&) {
     require(false, "a part's URL is one");
   }
@@ -59,20 +52,20 @@ void checkPart(SyncServiceSourceFactory& factory, std::uint32_t part, const std:
               contains(parts.query, "&comp=block&blockid="),
           "a part says which one it is");
   if (!partLink.empty()) {
-    const UrlParts link = kovo::splitUrl(partLink);
+    const UrlParts link = splitUrl(partLink);
     require(parts.host == link.host && parts.port == link.port && parts.path == link.path,
             "parts go where the service says");
   }
   HeaderList headers;
   factory.addRequestHeaders(KOVO_CHUNK_TYPE_CHUNK, "text/plain", url, part, headers);
   for (const auto& header : headers) {
-    require(!kovo::test::holdsLineBreak(header), "no header is broken open");
+    require(!holdsLineBreak(header), "no header is broken open");
   }
 }
 
 void checkDocument(SyncServiceSourceFactory& factory, const std::string& entityTag) {
   const auto source = factory.createFinalisationSource("file", "text/plain", 10'000'000);
-  const std::string text = kovo::test::contentsOf(*source);
+  const std::string text = contentsOf(*source);
   rapidjson::Document document;
   document.Parse<rapidjson::kParseIterativeFlag>(text.c_str());
   if (document.HasParseError()) {
@@ -104,7 +97,7 @@ KOVO_FUZZ_TARGET(sync_service) {
   const bool isPlantedAgain = planted != kPlantedSecrets || contains(entityTag, kSecret);
 
   SyncServiceSourceFactory factory(nullptr, "file", false, 0);
-  factory.createInitialisationSource(std::make_unique<kovo::test::SizedSource>(10'000'000));
+  factory.createInitialisationSource(std::make_unique<SizedSource>(10'000'000));
   bool finishNow = false;
   const bool understood = factory.processInitialisationResponse(202, answer, finishNow);
   require(understood != finishNow, "an answer is understood, or the upload ends");
@@ -114,7 +107,7 @@ KOVO_FUZZ_TARGET(sync_service) {
       factory.processChunkResponseHeader(part, {"ETag", entityTag});
       factory.processChunkResponseHeader(part, {"x-ms-request-id", "id"});
     }
-    kovo::splitUrl(factory.getFinalisationUrl("http://unused.test/"));
+    splitUrl(factory.getFinalisationUrl("http://unused.test/"));
     checkDocument(factory, entityTag);
   }
   if (isOfFields && !isPlantedAgain) {
@@ -122,8 +115,9 @@ KOVO_FUZZ_TARGET(sync_service) {
     const auto imitators = std::count_if(answer.begin(), answer.end(), [](char c) {
       return std::string_view("<>\\'=").find(c) != std::string_view::npos;
     });
-    require(imitators > 1 || !contains(kovo::redactSecrets(answer), kSecret),
-            "no key in an error text");
-    require(!contains(kovo::test::logged(), kSecret), "no key in a log line");
+    require(imitators > 1 || !contains(redactSecrets(answer), kSecret), "no key in an error text");
+    require(!contains(logged(), kSecret), "no key in a log line");
   }
 }
+
+}  // namespace kovo::test

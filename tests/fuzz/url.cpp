@@ -9,18 +9,12 @@
 #include "http/query_url.h"
 #include "upload/s3_endpoint.h"
 
-using kovo::KovoHttpUtils;
-using kovo::UrlParts;
-using kovo::test::contains;
-using kovo::test::require;
-
+namespace kovo::test {
 namespace {
-
-constexpr char kSecret[] = "PlantedSecret";
 
 std::optional<UrlParts> split(const std::string& url) {
   try {
-    return kovo::splitUrl(url);
+    return splitUrl(url);
   } catch (const std::invalid_argument& fault) {
     require(!contains(fault.what(), kSecret), "a fault does not repeat the URL");
     return std::nullopt;
@@ -59,10 +53,10 @@ void checkParts(const UrlParts& parts, const std::string& url) {
 }
 
 void checkParameters(const std::string& url, const UrlParts& parts, const std::string& value) {
-  const std::string encoded = kovo::encodeQueryValue(value);
+  const std::string encoded = encodeQueryValue(value);
   require(decoded(encoded) == value, "a value survives its encoding");
   require(encoded.find_first_of("&#+ ?\"<>") == std::string::npos, "a value ends no parameter");
-  const auto extended = split(kovo::appendQuery(url, "name=" + encoded));
+  const auto extended = split(appendQuery(url, "name=" + encoded));
   require(extended && extended->scheme == parts.scheme && extended->host == parts.host &&
               extended->port == parts.port && extended->path == parts.path,
           "a parameter changes the query alone");
@@ -85,7 +79,7 @@ KOVO_FUZZ_TARGET(url) {
     if (url.size() + value.size() < 2000) {
       checkParameters(url, *parts, value);
     }
-    require(kovo::canonicalS3Resource(url)[0] == '/', "a resource is a path");
+    require(canonicalS3Resource(url)[0] == '/', "a resource is a path");
   }
   const std::string redacted = KovoHttpUtils::redactUrl(url);
   require(redacted.find_first_of("?#") == std::string::npos, "no query in a log line");
@@ -109,3 +103,5 @@ KOVO_FUZZ_TARGET(url) {
     }
   }
 }
+
+}  // namespace kovo::test

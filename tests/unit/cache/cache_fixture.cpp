@@ -8,33 +8,14 @@
 
 #include <algorithm>
 #include <fstream>
-#include <iterator>
 #include <stdexcept>
-
-#include "log/kovo_log.h"
 
 namespace kovo::test {
 
-LogCapture::LogCapture() {
-  setLogLevel(KOVO_LOG_TRACE);
-  registerLoggingCallback(
-      [](auto, const char* message, const char*, const char*, auto, void* context) {
-        auto* self = static_cast<LogCapture*>(context);
-        std::lock_guard<std::mutex> guard(self->_mutex);
-        self->_lines.emplace_back(message);
-      },
-      this);
-}
-
-LogCapture::~LogCapture() {
-  registerLoggingCallback(nullptr, nullptr);
-  setLogLevel(KOVO_LOG_NONE);
-}
-
-std::size_t LogCapture::count(const std::string& part) const {
-  std::lock_guard<std::mutex> guard(_mutex);
+std::size_t count(const LogCapture& log, const std::string& part) {
+  const auto lines = log.messages();
   return static_cast<std::size_t>(
-      std::count_if(_lines.begin(), _lines.end(),
+      std::count_if(lines.begin(), lines.end(),
                     [&](const std::string& line) { return line.find(part) != std::string::npos; }));
 }
 
@@ -56,15 +37,6 @@ std::string sql(const std::string& path, const std::string& statements) {
     throw std::runtime_error(statements + ": " + message);
   }
   return last;
-}
-
-void writeFile(const std::string& path, const std::string& content) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
-}
-
-std::string readFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
 }
 
 void overwrite(const std::string& path, std::uint64_t offset, const std::string& bytes) {

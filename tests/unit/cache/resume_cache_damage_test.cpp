@@ -89,13 +89,13 @@ TEST_F(ResumeCacheDamage, AFileThatCannotBeADatabaseLeavesTheCacheClosed) {
 TEST_F(ResumeCacheDamage, ARemovedFileEndsTheRecording) {
   SqliteResumeCache cache(base());
   cache.storeDownloadedChunkDetails(file, "tag", 0);
-  LogCapture log;
+  LogCapture log(KOVO_LOG_TRACE);
   for (const char* suffix : {"", "-wal", "-shm"}) {
     std::filesystem::remove(database + suffix);
   }
   cache.storeDownloadedChunkDetails(file, "tag", 1);
   EXPECT_FALSE(cache.isOpened());
-  EXPECT_EQ(log.count("nothing is recorded from now on"), 1u);
+  EXPECT_EQ(count(log, "nothing is recorded from now on"), 1u);
   expectUsable(0);
 }
 
@@ -159,9 +159,9 @@ TEST_F(ResumeCacheDamage, AFullDiskLosesRowsButLeavesNoFalseOnes) {
               SqliteResumeCache cache(base());
               cache.storeDownloadedChunkDetails(file, "tag", 0);
               limitFileSize(std::filesystem::file_size(database + "-wal"));
-              LogCapture log;
+              LogCapture log(KOVO_LOG_TRACE);
               cache.storeDownloadedChunkDetails(file, "tag", 1);
-              if (log.count("SQL error in storeData downloadChunkStatus for file") != 1 ||
+              if (count(log, "SQL error in storeData downloadChunkStatus for file") != 1 ||
                   firstBytes(cache) != std::set<std::uint64_t>{0}) {
                 return 1;
               }

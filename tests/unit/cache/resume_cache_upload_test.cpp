@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "cache/sqlite_resume_cache.h"
+#include "support/manual_clock.h"
 #include "support/temp_dir.h"
 #include "unit/cache/cache_fixture.h"
 
@@ -24,7 +25,7 @@ class ResumeCacheUpload : public ::testing::Test {
 
   TempDir directory;
   std::string database = directory.file("sqliteResumeTransfer.db");
-  ManualClock clock;
+  ManualClock clock{std::time(nullptr) * 1000};
   SqliteResumeCache cache{directory.path().c_str(), clock, "boot"};
 };
 
@@ -41,7 +42,7 @@ TEST_F(ResumeCacheUpload, AnswersTheLatestRowOfAPathAndAllItsParts) {
   EXPECT_EQ(md5, "md5");
   std::int64_t uploaded = 0;
   cache.getUploadedDate("/file", uploaded);
-  EXPECT_EQ(uploaded, clock.seconds);
+  EXPECT_EQ(uploaded, clock.nowMilliseconds() / 1000);
   std::vector<std::pair<std::int32_t, std::string>> etags;
   cache.getUploadedChunksEtags("/file", etags);
   EXPECT_EQ(etags, (decltype(etags){{2, "two"}, {1, "one"}}));
@@ -54,16 +55,17 @@ TEST_F(ResumeCacheUpload, AnswersTheLatestRowOfAPathAndAllItsParts) {
 }
 
 TEST_F(ResumeCacheUpload, RefusesWhatItCannotUse) {
-  LogCapture log;
+  LogCapture log(KOVO_LOG_TRACE);
   cache.insertResponse("/file", "", "md5");
-  EXPECT_EQ(log.count("Constraints not passed: filepath /file, size of response 0, md5Sum md5, "
-                      "isdatabasenotopened 0"),
+  EXPECT_EQ(count(log,
+                  "Constraints not passed: filepath /file, size of response 0, md5Sum md5, "
+                  "isdatabasenotopened 0"),
             1u);
   cache.insertUploadedChunkEtag("/file", 1, "");
   SqliteResumeCache closed(nullptr);
   EXPECT_FALSE(closed.isOpened());
   closed.insertResponse("/file", "text", "");
-  EXPECT_EQ(log.count("isdatabasenotopened 1"), 1u);
+  EXPECT_EQ(count(log, "isdatabasenotopened 1"), 1u);
   EXPECT_EQ(response(), "");
   EXPECT_TRUE(parts().empty());
 }
@@ -71,9 +73,9 @@ TEST_F(ResumeCacheUpload, RefusesWhatItCannotUse) {
 TEST_F(ResumeCacheUpload, ForgetsAResponseAfterFiveDaysWithItsParts) {
   cache.insertResponse("/file", "answer", "md5");
   cache.insertUploadedChunkEtag("/file", 1, "one");
-  clock.seconds += kFiveDays - 1;
+  clock.advance((kFiveDays - 1) * 1000);
   EXPECT_EQ(response(), "answer");
-  clock.seconds += 1;
+  clock.advance(1000);
   EXPECT_EQ(response(), "");
   EXPECT_TRUE(parts().empty());
 }
@@ -84,10 +86,10 @@ TEST_F(ResumeCacheUpload, ClearsOutdatedRowsAtMostOnceInFiveDays) {
   sql(database,
       "UPDATE ResponseTable SET timeUploaded = -9223372036854775807 - 1 WHERE filePath = "
       "'/broken'");
-  clock.seconds += kFiveDays - 1;
+  clock.advance((kFiveDays - 1) * 1000);
   cache.clearOutdatedCacheTimer();
   EXPECT_EQ(sql(database, "SELECT COUNT(*) FROM ResponseTable"), "2");
-  clock.seconds += 1;
+  clock.advance(1000);
   cache.clearOutdatedCacheTimer();
   EXPECT_EQ(sql(database, "SELECT COUNT(*) FROM ResponseTable"), "0");
 
@@ -99,7 +101,7 @@ TEST_F(ResumeCacheUpload, ClearsOutdatedRowsAtMostOnceInFiveDays) {
 }
 
 TEST_F(ResumeCacheUpload, LeavesOutPartNumbersThatAreNone) {
-  LogCapture log;
+  LogCapture log(KOVO_LOG_TRACE);
   sql(database,
       "INSERT INTO UploadChunkStatus VALUES (NULL, '/file', 'abc', 'a'), (NULL, '/file', "
       "'99999999999', 'b'), (NULL, '/file', '-2147483649', 'c'), (NULL, '/file', ' 12x', 'd'), "
@@ -108,8 +110,8 @@ TEST_F(ResumeCacheUpload, LeavesOutPartNumbersThatAreNone) {
   std::vector<std::pair<std::int32_t, std::string>> etags;
   cache.getUploadedChunksEtags("/file", etags);
   EXPECT_EQ(etags, (decltype(etags){{12, "d"}}));
-  EXPECT_EQ(log.count("invalid stoi argument"), 4u);
-  EXPECT_EQ(log.count("stoi argument out of range"), 4u);
+  EXPECT_EQ(count(log, "invalid stoi argument"), 4u);
+  EXPECT_EQ(count(log, "stoi argument out of range"), 4u);
 }
 
 TEST_F(ResumeCacheUpload, KeepsTheUploadsOfOnePathApart) {

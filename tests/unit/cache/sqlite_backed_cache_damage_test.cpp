@@ -41,11 +41,11 @@ TEST_F(RangeCacheDamage, AFileThatIsNoDatabaseIsReplaced) {
   cache.reset();
   std::filesystem::remove(database);
   std::filesystem::create_directory(database);
-  LogCapture log;
+  LogCapture log(KOVO_LOG_TRACE);
   open();
   store(0, 1000);
   EXPECT_EQ(get(0, 1000), HttpGetCache::NoDatabase);
-  EXPECT_EQ(log.count("GET cache not used"), 1u);
+  EXPECT_EQ(count(log, "GET cache not used"), 1u);
   std::filesystem::remove(database);
   std::filesystem::create_symlink(directory.file("elsewhere"), database);
   open();
@@ -80,11 +80,11 @@ TEST_F(RangeCacheDamage, ADamagedEntryEndsTheUseOfTheFileWithOneLine) {
   store(0, 1000);
   store(5000, 1000);
   sql(database, "UPDATE CacheEntries SET data = zeroblob(1000) WHERE firstByte = 0");
-  LogCapture log;
+  LogCapture log(KOVO_LOG_TRACE);
   EXPECT_EQ(get(0, 1000), HttpGetCache::Miss);
   EXPECT_EQ(get(5000, 1000), HttpGetCache::NoDatabase);
   store(0, 1000);
-  EXPECT_EQ(log.count("GET cache not used any more"), 1u);
+  EXPECT_EQ(count(log, "GET cache not used any more"), 1u);
   expectUsable();
 }
 
@@ -94,7 +94,7 @@ TEST_F(RangeCacheDamage, AFullDiskDisablesTheCacheWithOneLine) {
               open();
               store(0, 1000);
               limitFileSize(std::filesystem::file_size(database + "-wal") + 40000);
-              LogCapture log;
+              LogCapture log(KOVO_LOG_TRACE);
               const Bytes bytes = bytesAt(0, 3 * kMebibyte);
               for (int body = 0; body < 5; ++body) {
                 cache->storeBody("large", headers(0, bytes.size(), "\"e\""), bodyOf(bytes));
@@ -102,8 +102,8 @@ TEST_F(RangeCacheDamage, AFullDiskDisablesTheCacheWithOneLine) {
                   return 1;
                 }
               }
-              if (log.count("GET cache not used any more: database or disk is full") +
-                      log.count("GET cache not used any more: disk I/O error") !=
+              if (count(log, "GET cache not used any more: database or disk is full") +
+                      count(log, "GET cache not used any more: disk I/O error") !=
                   1) {
                 return 2;
               }

@@ -148,21 +148,6 @@ TEST_F(RangeCache, ClearEmptiesTableAndQueue) {
   EXPECT_EQ(get(0, 1000), HttpGetCache::Hit);
 }
 
-TEST_F(RangeCache, LogsItsStatisticsEvery500Accesses) {
-  LogCapture log;
-  store(0, 100);
-  for (int access = 0; access < 499; ++access) {
-    get(access < 200 ? 0 : 500, 100);
-  }
-  EXPECT_EQ(log.count("CacheStats"), 0u);
-  get(500, 100);
-  EXPECT_EQ(log.count("CacheStats: 200 hits and 300 misses in last 500 accesses"), 1u);
-  for (int access = 0; access < 500; ++access) {
-    get(0, 100);
-  }
-  EXPECT_EQ(log.count("CacheStats: 500 hits and 0 misses in last 500 accesses"), 1u);
-}
-
 TEST_F(RangeCache, FilesAreReadableByTheirOwnerAlone) {
   store(0, 100);
   for (const char* suffix : {"", "-wal", "-shm"}) {

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <set>
-#include <utility>
 #include <vector>
 
 namespace kovo {
@@ -39,17 +38,6 @@ TEST(ByteBlockTest, HeldBlocksAreDistinctHoweverManyThereAre) {
     }
   }
   ByteBlock::trimPool();
-}
-
-TEST(ByteBlockTest, MovingHandsTheBlockOver) {
-  ByteBlock source = ByteBlock::allocate();
-  const std::uint8_t* place = source.data();
-  ByteBlock target(std::move(source));
-  EXPECT_EQ(target.data(), place);
-  ByteBlock other;
-  EXPECT_FALSE(other);
-  other = std::move(target);
-  EXPECT_EQ(other.data(), place);
 }
 
 }  // namespace

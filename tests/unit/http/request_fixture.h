@@ -7,8 +7,8 @@
 #include <utility>
 
 #include "http/wkovo_request.h"
-#include "log/kovo_log.h"
 #include "support/fake_transfer.h"
+#include "support/log_capture.h"
 #include "support/resource.h"
 #include "support/scripted_http_client.h"
 #include "support/temp_dir.h"
@@ -18,14 +18,7 @@ namespace kovo {
 /* A request between a fake transfer and a scripted server. */
 class RequestTest : public testing::Test {
  protected:
-  RequestTest() {
-    test::writeFile(_path, "");
-    registerLoggingCallback(
-        [](std::uint32_t, const char* message, const char*, const char*, std::uint32_t,
-           void* context) { static_cast<std::string*>(context)->append(message).append("\n"); },
-        &_log);
-  }
-  ~RequestTest() override { registerLoggingCallback(nullptr, nullptr); }
+  RequestTest() { test::writeFile(_path, ""); }
 
   std::unique_ptr<Request> make(kovo_http_verb verb, Operation operation, std::string path = {},
                                 bool discardBody = false) {
@@ -48,7 +41,13 @@ class RequestTest : public testing::Test {
                           std::move(body)));
   }
 
-  std::string _log;
+  test::LogCapture _log;
+  /* Ready for another request. */
+  void forgetError() {
+    _transfer.error.reset();
+    _transfer.cancelled = false;
+  }
+
   std::string _url = "http://host/path";
   test::TempDir _directory;
   const std::string _path = _directory.file("output");

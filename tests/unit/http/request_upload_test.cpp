@@ -56,8 +56,7 @@ TEST_F(RequestUploadTest, ShortBodyIsReportedOnce) {
   EXPECT_EQ(_client->progress, 0u);
   EXPECT_FALSE(request->isComplete());
 
-  _transfer.error.reset();
-  _transfer.cancelled = false;
+  forgetError();
   auto shrunk = make(KOVO_HTTP_PUT, OP_UPLOAD_FILE, _file);
   EXPECT_EQ(shrunk->getBodyLength(), 300000u);
   std::filesystem::resize_file(_file, 1000);
@@ -73,42 +72,6 @@ TEST_F(RequestUploadTest, MissingFileSendsNothing) {
   ASSERT_TRUE(_transfer.error);
   EXPECT_EQ(_transfer.error->code, KOVO_ERROR_FILE_NOT_FOUND);
   EXPECT_EQ(_transfer.error->message, "Invalid input stream: File not found");
-}
-
-TEST_F(RequestUploadTest, UnsatisfiableRangeIsAnOrdinaryError) {
-  _transfer.range = KovoRange(0, 300000);
-  answer(response(416, {{"Content-Length", "0"}}));
-  auto request = createRangedRequest(_transfer, KOVO_HTTP_PUT, _url, OP_UPLOAD_FILE, _file,
-                                     KovoNumberedRange(100000, 100000, 1), true, _client, &_http);
-  request->run();
-  EXPECT_EQ(_http.sent.size(), 1u);
-  EXPECT_EQ(request->getErrorCode(), KOVO_ERROR_CHUNK_RETRY_FAILED);
-  EXPECT_TRUE(request->failedWithHttpStatus());
-}
-
-TEST_F(RequestUploadTest, DiscardedAnswersAreReadButNotDelivered) {
-  answer(response(200, {{"Content-Length", "6"}}, "answer"));
-  auto part = make(KOVO_HTTP_PUT, OP_UPLOAD_FILE, _file, true);
-  part->run();
-  EXPECT_TRUE(part->isComplete());
-  EXPECT_EQ(part->getDeliveredLength(), 0u);
-  EXPECT_EQ(_client->received, "");
-
-  // What a failed part and every finalisation say is kept for the transfer.
-  answer(response(403, {{"Content-Length", "6"}}, "denied"));
-  make(KOVO_HTTP_PUT, OP_UPLOAD_FILE, _file, true)->run();
-  ASSERT_TRUE(_transfer.offeredHttpError);
-  EXPECT_EQ(_transfer.offeredHttpError->details, "denied");
-
-  _transfer.error.reset();
-  _transfer.cancelled = false;
-  answer(response(200, {{"Content-Length", "8"}}, "<Error/>"));
-  auto final = make(KOVO_HTTP_POST, OP_UPLOAD_FINALISE, _file, true);
-  final->run();
-  std::string body;
-  final->getResponseBody(body);
-  EXPECT_EQ(body, "<Error/>");
-  EXPECT_EQ(_client->received, "");
 }
 
 TEST_F(RequestUploadTest, EndlessAnswerToAPartEnds) {

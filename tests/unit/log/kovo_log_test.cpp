@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "support/log_capture.h"
+#include "support/resource.h"
 #include "support/temp_dir.h"
 
 namespace kovo {
@@ -28,23 +29,15 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::SizeIs;
-using testing::StartsWith;
 
 constexpr char kName[] = "kovo::Test::name";
-
-std::string contentOf(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream content;
-  content << file.rdbuf();
-  return content.str();
-}
 
 // The logger of one engine, in a directory of its own.
 class LogTest : public testing::Test {
  protected:
   void TearDown() override {
     if (_started) {
-      EXPECT_TRUE(kovoDeinitLog());
+      stop();
     }
     setTimeZone("UTC0");
   }
@@ -55,6 +48,10 @@ class LogTest : public testing::Test {
   void start() {
     kovoInitLog(directory.path().c_str());
     _started = true;
+  }
+  void stop() {
+    EXPECT_TRUE(kovoDeinitLog());
+    _started = false;
   }
   std::vector<std::string> logFiles() const {
     std::vector<std::string> names;
@@ -67,7 +64,7 @@ class LogTest : public testing::Test {
   }
   std::string onlyLog() const {
     const auto files = logFiles();
-    return files.size() == 1 ? contentOf(files[0]) : "not one log file";
+    return files.size() == 1 ? test::readFile(files[0]) : "not one log file";
   }
   static void setTimeZone(const char* zone) {
     ::setenv("TZ", zone, 1);
@@ -105,7 +102,7 @@ TEST_F(LogTest, LineHoldsTimeLevelAndMessageAndIsTheOwnersAlone) {
 TEST_F(LogTest, AForeignFileInThePlaceOfTheLogStaysAsItIs) {
   start();
   const std::string name = logFiles()[0];
-  EXPECT_TRUE(kovoDeinitLog());
+  stop();
   const std::string victim = directory.file("victim");
   for (const bool isSymbolic : {true, false}) {
     std::filesystem::remove(name);
@@ -117,10 +114,9 @@ TEST_F(LogTest, AForeignFileInThePlaceOfTheLogStaysAsItIs) {
     }
     start();
     KOVO_LOG(KOVO_LOG_WARN, kName, "not for you");
-    EXPECT_TRUE(kovoDeinitLog());
-    EXPECT_EQ(contentOf(victim), "mine");
+    stop();
+    EXPECT_EQ(test::readFile(victim), "mine");
   }
-  _started = false;
 }
 
 TEST_F(LogTest, NoMessagePassesForAnother) {
@@ -167,25 +163,22 @@ TEST_F(LogTest, OptionsFileSetsLevelOrRetention) {
     start();
     EXPECT_EQ(getLogLevel(), c.level) << c.text;
     EXPECT_EQ(std::filesystem::exists(old), c.keepsFourDays) << c.text;
-    EXPECT_TRUE(kovoDeinitLog());
-    _started = false;
+    stop();
   }
 }
 
 TEST_F(LogTest, RetentionCountsStartedDaysAndSparesOtherFiles) {
-  const std::string kept = oldLog("kovo-2001-01-01.log", 3 * 86400 - 60);
   const std::string gone = oldLog("kovo-2001-01-02.log", 3 * 86400 + 60);
-  const std::string otherName = oldLog("kovo-notes.log", 30 * 86400);
-  const std::string otherPrefix = oldLog("mykovo-2001-01-02.log", 30 * 86400);
-  const std::string fromTomorrow = oldLog("kovo-2001-01-03.log", -86400);
-  std::filesystem::create_directory(directory.file("kovo-2001-01-04.log"));
+  const std::string folder = directory.file("kovo-2001-01-04.log");
+  std::filesystem::create_directory(folder);
+  const std::string kept[] = {
+      oldLog("kovo-2001-01-01.log", 3 * 86400 - 60), oldLog("kovo-notes.log", 30 * 86400),
+      oldLog("mykovo-2001-01-02.log", 30 * 86400), oldLog("kovo-2001-01-03.log", -86400), folder};
   start();
-  EXPECT_TRUE(std::filesystem::exists(kept));
   EXPECT_FALSE(std::filesystem::exists(gone));
-  EXPECT_TRUE(std::filesystem::exists(otherName));
-  EXPECT_TRUE(std::filesystem::exists(otherPrefix));
-  EXPECT_TRUE(std::filesystem::exists(fromTomorrow));
-  EXPECT_TRUE(std::filesystem::exists(directory.file("kovo-2001-01-04.log")));
+  for (const std::string& path : kept) {
+    EXPECT_TRUE(std::filesystem::exists(path)) << path;
+  }
 }
 
 TEST_F(LogTest, AnotherDayGetsAnotherFile) {
@@ -197,9 +190,9 @@ TEST_F(LogTest, AnotherDayGetsAnotherFile) {
   auto files = logFiles();
   std::sort(files.begin(), files.end());
   ASSERT_THAT(files, SizeIs(2));
-  EXPECT_THAT(contentOf(files[0]), HasSubstr("yesterday\n"));
-  EXPECT_THAT(contentOf(files[1]), HasSubstr("today\n"));
-  EXPECT_THAT(contentOf(files[1]), Not(HasSubstr("yesterday")));
+  EXPECT_THAT(test::readFile(files[0]), HasSubstr("yesterday\n"));
+  EXPECT_THAT(test::readFile(files[1]), HasSubstr("today\n"));
+  EXPECT_THAT(test::readFile(files[1]), Not(HasSubstr("yesterday")));
 }
 
 TEST_F(LogTest, TheLastEngineClosesTheLoggerAndForgetsTheCallback) {
@@ -212,8 +205,7 @@ TEST_F(LogTest, TheLastEngineClosesTheLoggerAndForgetsTheCallback) {
   EXPECT_THAT(onlyLog(), HasSubstr("still open"));
   {
     LogCapture log;
-    EXPECT_TRUE(kovoDeinitLog());
-    _started = false;
+    stop();
     KOVO_LOG(KOVO_LOG_WARN, kName, "dropped");
     EXPECT_THAT(log.messages(), IsEmpty());
   }

@@ -2,14 +2,13 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
-#include <cerrno>
+#include <chrono>
 #include <ctime>
-#include <filesystem>
 #include <fstream>
 #include <limits>
 
+#include "platform/clock.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 
@@ -17,8 +16,6 @@ namespace kovo {
 namespace {
 
 using testing::ElementsAre;
-using testing::MatchesRegex;
-using testing::StartsWith;
 
 TEST(KovoUtilsTest, UrlEncodeEscapesEveryOtherByte) {
   EXPECT_EQ(WinKOVOUtils::urlEncode("a b/c~"), "a%20b%2Fc~");
@@ -54,80 +51,86 @@ TEST(KovoUtilsTest, DatesWithinTwoSeconds) {
                   "9223372036854775807 Reason: bad numeric conversion: negative overflow"));
 }
 
-TEST(KovoUtilsTest, FileErrorsMapToCodesAndTexts) {
-  const struct {
-    FileErrorKind kind;
-    kovo_error code;
-    const char* text;
-  } cases[] = {
-      {FileErrorKind::BadHandle, 11, "m: Bad File Handle"},
-      {FileErrorKind::DiskFull, 33, "m: Insufficient disk space to write to file"},
-      {FileErrorKind::Locked, 34, "m: File was locked"},
-      {FileErrorKind::InvalidName, 35, "m: Invalid file name"},
-      {FileErrorKind::NotFound, 36, "m: File not found"},
-      {FileErrorKind::ParentMissing, 37, "m: Parent folder does not exist"},
-      {FileErrorKind::AccessDenied, 11, "m: Access Denied"},
-      {FileErrorKind::PathTooLong, 39, "m: Path is too long"},
-      {FileErrorKind::InvalidParameter, 11, "m"},
-      {static_cast<FileErrorKind>(11), 11, "m"},
-  };
-  for (const auto& c : cases) {
-    std::string message = "m";
-    EXPECT_EQ(mapFileError(c.kind, KOVO_ERROR_READ_STREAM_FAILURE, message), c.code);
-    EXPECT_EQ(message, c.text);
-  }
-  std::string message = "m";
-  errno = EIO;
-  EXPECT_EQ(mapFileError(FileErrorKind::Other, KOVO_ERROR_READ_STREAM_FAILURE, message), 11U);
-  EXPECT_EQ(message, "m. Input/output error. last error code = 5 ");
-}
-
-TEST(KovoUtilsTest, CreateOutputFileEmptiesOrTellsWhyNot) {
+TEST(KovoUtilsTest, FilesThatCannotBeUsedAreToldByCodeAndText) {
   test::TempDir directory;
-  const std::string path = directory.file("out");
-  std::ofstream(path) << "former content";
-  std::string reason;
-  EXPECT_EQ(KOVOUtils::createOutputFile(path, reason), 0U);
-  EXPECT_EQ(std::filesystem::file_size(path), 0U);
-
   const std::string orphan = directory.file("missing/out");
+  const std::string folder = directory.path().string();
+  std::string reason;
   EXPECT_EQ(KOVOUtils::createOutputFile(orphan, reason), 37U);
   EXPECT_EQ(reason, "Unable to create file: " + orphan + " Reason: : Parent folder does not exist");
   EXPECT_EQ(KOVOUtils::createOutputFile(directory.file(std::string(256, 'n')), reason), 39U);
-  EXPECT_EQ(KOVOUtils::createOutputFile(directory.path().string(), reason), 35U);
-}
-
-TEST(KovoUtilsTest, DeleteOutputFileNeverFailsButLogs) {
-  test::LogCapture log;
-  test::TempDir directory;
-  const std::string path = directory.file("out");
-  std::ofstream(path) << "x";
-  KOVOUtils::deleteOutputFile(path);
-  EXPECT_FALSE(std::filesystem::exists(path));
-  KOVOUtils::deleteOutputFile(path);
-  EXPECT_THAT(log.messages(), ElementsAre("Failed to delete output file: " + path + " reason: 5"));
-}
-
-TEST(KovoUtilsTest, FileStatTellsSizeAndTimeOrCode18) {
-  test::TempDir directory;
-  const std::string path = directory.file("in");
-  std::ofstream(path) << "12345";
-  const timespec times[2] = {{0, UTIME_OMIT}, {1234567890, 999999999}};
-  ASSERT_EQ(::utimensat(0, path.c_str(), times, 0), 0);
+  EXPECT_EQ(KOVOUtils::createOutputFile(folder, reason), 35U);
   std::uint64_t size = 0;
   std::int64_t modified = 0;
   std::shared_ptr<KovoError> error;
-  ASSERT_TRUE(getFileStat(path, size, modified, error));
-  EXPECT_EQ(size, 5U);
-  EXPECT_EQ(modified, 1234567890);
-  EXPECT_EQ(error, nullptr);
-  for (const std::string& bad : {directory.file("missing"), directory.path().string()}) {
-    error = nullptr;
-    EXPECT_FALSE(getFileStat(bad, size, modified, error));
-    ASSERT_NE(error, nullptr);
-    EXPECT_EQ(error->code, KOVO_ERROR_INVALID_INPUT_FILE);
-    EXPECT_EQ(error->message, "Could not get mod time for: " + bad);
+  EXPECT_FALSE(getFileStat(folder, size, modified, error));
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->description(), "Invalid Input File. Could not get mod time for: " + folder);
+}
+
+TEST(KovoUtilsTest, Base64PadsToGroupsOfFour) {
+  EXPECT_EQ(base64Encode(""), "");
+  EXPECT_EQ(base64Encode("f"), "Zg==");
+  EXPECT_EQ(base64Encode("fo"), "Zm8=");
+  EXPECT_EQ(base64Encode("foo"), "Zm9v");
+  EXPECT_EQ(base64Encode("foob"), "Zm9vYg==");
+  EXPECT_EQ(base64Encode(std::string("\xFF\xFE\x00\xFB", 4)), "//4A+w==");
+}
+
+TEST(KovoUtilsTest, HmacSha1OfThePublishedVectors) {
+  // RFC 2202, cases 1 to 3, in Base64.
+  EXPECT_EQ(base64Encode(hmacSha1(std::string(20, '\x0b'), "Hi There")),
+            "thcxhlUFcmTii8C2+zeMjvFGvgA=");
+  EXPECT_EQ(base64Encode(hmacSha1("Jefe", "what do ya want for nothing?")),
+            "7/zfauXrL6LSdBbV8YTfnCWafHk=");
+  EXPECT_EQ(base64Encode(hmacSha1(std::string(20, '\xaa'), std::string(50, '\xdd'))),
+            "El1zQrmsEc2Ro5r0iqF7T2PxddM=");
+}
+
+TEST(KovoUtilsTest, Md5OfTextsAndFilesOfAnySize) {
+  EXPECT_EQ(WinKOVOUtils::getMD5ChecksumOfText(""), "1B2M2Y8AsgTpgAmY7PhCfg==");
+  // RFC 1321: f96b697d7cb7938d525a2f31aaf161d0.
+  EXPECT_EQ(WinKOVOUtils::getMD5ChecksumOfText("message digest"),
+            base64Encode("\xf9\x6b\x69\x7d\x7c\xb7\x93\x8d\x52\x5a\x2f\x31\xaa\xf1\x61\xd0"));
+
+  test::TempDir directory;
+  const std::string path = directory.file("data");
+  // Around the size of a reading block.
+  for (const std::size_t size : {0U, 1U, 1048575U, 1048576U, 1048577U, 3000000U}) {
+    std::string content(size, '\0');
+    for (std::size_t i = 0; i < size; ++i) {
+      content[i] = static_cast<char>(i * 31 >> 7);
+    }
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+    EXPECT_EQ(WinKOVOUtils::getMD5Checksum(path), WinKOVOUtils::getMD5ChecksumOfText(content))
+        << size;
   }
+  int asked = 0;
+  const Interrupt interrupt = [&asked] { return ++asked == 2; };
+  EXPECT_EQ(WinKOVOUtils::getMD5Checksum(path, &interrupt), "");
+  EXPECT_EQ(asked, 2);
+}
+
+TEST(ClockTest, SystemTimeIsMillisecondsSince1970) {
+  const std::int64_t now = Clock::system().nowMilliseconds();
+  EXPECT_NEAR(static_cast<double>(now) / 1000, static_cast<double>(std::time(nullptr)), 2);
+}
+
+TEST(ClockTest, InterruptEndsASleepOfAnyLength) {
+  for (const std::int64_t length :
+       {std::int64_t{3600'000}, std::numeric_limits<std::int64_t>::max()}) {
+    int asked = 0;
+    const Interrupt interrupt = [&asked] { return ++asked == 3; };
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(Clock::system().sleepMilliseconds(length, &interrupt));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+  }
+}
+
+TEST(ClockTest, NoTimeAndNoInterruptReturnAtOnce) {
+  const Interrupt empty;
+  EXPECT_TRUE(Clock::system().sleepMilliseconds(0, nullptr));
+  EXPECT_TRUE(Clock::system().sleepMilliseconds(-1, &empty));
 }
 
 }  // namespace

@@ -1,20 +1,18 @@
 #include "platform/platform_file_stream.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <system_error>
 #include <vector>
 
+#include "support/resource.h"
 #include "support/temp_dir.h"
 
 namespace kovo {
@@ -26,12 +24,6 @@ class PlatformFileStreamTest : public testing::Test {
  protected:
   static bool write(OStream& stream, const std::string& text) {
     return stream.WriteBlock(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
-  }
-  static std::string contentOf(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream content;
-    content << file.rdbuf();
-    return content.str();
   }
   static FileErrorKind kindOfOpening(const std::string& path) {
     PlatformFileIStream stream;
@@ -59,11 +51,11 @@ TEST_F(PlatformFileStreamTest, CreateModesTreatFormerContentAsNamed) {
   for (const std::uint32_t keeping : {OStream::OpenOrCreate, OStream::OpenExisting}) {
     ASSERT_TRUE(stream.open(path, keeping));
     EXPECT_TRUE(write(stream, "FI"));
-    EXPECT_EQ(contentOf(path), "FIrst");
+    EXPECT_EQ(test::readFile(path), "FIrst");
   }
   for (const std::uint32_t emptying : {OStream::CreateReplacing, OStream::ReplaceExisting}) {
     ASSERT_TRUE(stream.open(path, emptying));
-    EXPECT_EQ(contentOf(path), "");
+    EXPECT_EQ(test::readFile(path), "");
   }
   EXPECT_THROW(stream.open(path, 4), std::invalid_argument);
 }
@@ -99,24 +91,6 @@ TEST_F(PlatformFileStreamTest, WritesGoToThePositionAndBeyondTheEnd) {
   EXPECT_THROW(input.Seek(1ULL << 63), std::system_error);
 }
 
-TEST_F(PlatformFileStreamTest, NothingWorksWithoutAnOpenFile) {
-  std::uint8_t byte = 0;
-  std::uint64_t count = 9;
-  PlatformFileIStream input;
-  EXPECT_FALSE(input.ReadBlock(&byte, 1, &count));
-  EXPECT_EQ(count, 0U);
-  EXPECT_EQ(input.Length(), 0U);
-  EXPECT_THROW(input.Seek(0), std::system_error);
-
-  OStream output;
-  ASSERT_TRUE(output.open(path, OStream::OpenOrCreate));
-  output.close();
-  EXPECT_FALSE(output.WriteBlock(&byte, 1));
-  EXPECT_FALSE(output.SetCurrentPosition(0));
-  EXPECT_FALSE(output.Flush());
-  EXPECT_EQ(output.lastErrorKind, FileErrorKind::BadHandle);
-}
-
 TEST_F(PlatformFileStreamTest, FailedOpeningIsClassified) {
   EXPECT_EQ(kindOfOpening(path), FileErrorKind::NotFound);
   EXPECT_EQ(kindOfOpening(directory.file("none/file")), FileErrorKind::ParentMissing);
@@ -143,18 +117,6 @@ TEST_F(PlatformFileStreamTest, FailedOpeningIsClassified) {
     ASSERT_EQ(::chmod(path.c_str(), 0), 0);
     EXPECT_EQ(kindOfOpening(path), FileErrorKind::AccessDenied);
   }
-}
-
-TEST_F(PlatformFileStreamTest, ErrorNumbersOfWritingAreClassified) {
-  EXPECT_EQ(fileErrorKind(ENOSPC, path), FileErrorKind::DiskFull);
-  EXPECT_EQ(fileErrorKind(EDQUOT, path), FileErrorKind::DiskFull);
-  EXPECT_EQ(fileErrorKind(EFBIG, path), FileErrorKind::DiskFull);
-  EXPECT_EQ(fileErrorKind(ETXTBSY, path), FileErrorKind::Locked);
-  EXPECT_EQ(fileErrorKind(EROFS, path), FileErrorKind::AccessDenied);
-  EXPECT_EQ(fileErrorKind(EPERM, path), FileErrorKind::AccessDenied);
-  EXPECT_EQ(fileErrorKind(EINVAL, path), FileErrorKind::InvalidParameter);
-  EXPECT_EQ(fileErrorKind(EIO, path), FileErrorKind::Other);
-  EXPECT_EQ(fileErrorKind(0, path), FileErrorKind::None);
 }
 
 TEST_F(PlatformFileStreamTest, APipeIsRefusedWithoutWaitingForItsOtherEnd) {
@@ -189,7 +151,7 @@ TEST_F(PlatformFileStreamTest, TheFileSizeLimitFailsTheWriteInsteadOfTheProcess)
   EXPECT_TRUE(within);
   EXPECT_FALSE(beyond);
   EXPECT_EQ(kind, FileErrorKind::DiskFull);
-  EXPECT_EQ(contentOf(path).size(), 1000U);
+  EXPECT_EQ(test::readFile(path).size(), 1000U);
 }
 
 }  // namespace

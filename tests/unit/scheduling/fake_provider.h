@@ -50,17 +50,14 @@ class FakeProvider : public WorkProvider {
   std::function<void(const std::string&)> onNotification;
   std::uint32_t unitsAtOnce = 1000;
   bool timesOut = false;
-  std::atomic<std::uint32_t> monitorKind{0};
-  std::string monitorRecord;
 
   std::vector<std::string> words() const {
     const std::lock_guard guard(_mutex);
     return _delivered;
   }
-  bool waitForWord(const std::string& word,
-                   std::chrono::milliseconds limit = std::chrono::seconds(20)) const {
+  bool waitForWord(const std::string& word) const {
     std::unique_lock guard(_mutex);
-    return _news.wait_for(guard, limit, [&] {
+    return _news.wait_for(guard, std::chrono::seconds(20), [&] {
       return std::find(_delivered.begin(), _delivered.end(), word) != _delivered.end();
     });
   }
@@ -158,10 +155,7 @@ class FakeProvider : public WorkProvider {
     const std::lock_guard guard(_mutex);
     return _restart;
   }
-  void monitor(std::uint32_t kind, const void* data, std::size_t length) override {
-    monitorRecord.assign(static_cast<const char*>(data), length);
-    monitorKind = kind;
-  }
+  void monitor(std::uint32_t, const void*, std::size_t) override {}
   void restartOnceDrained() override {
     const std::lock_guard guard(_mutex);
     _restart = true;

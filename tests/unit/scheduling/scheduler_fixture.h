@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 
 #include "scheduling/work_scheduler_impl.h"
 #include "support/gate.h"
@@ -25,9 +24,7 @@ class FakeStrategy : public KOVOStrategy {
   std::uint32_t getTargetThreadCount() override { return target; }
   std::uint32_t getMaximumThreadCount() override { return limit; }
   std::uint32_t getMonitorKind() override { return 2; }
-  void fillMonitorRecord(void* data, std::uint64_t length) override {
-    std::memset(data, 9, length);
-  }
+  void fillMonitorRecord(void*, std::uint64_t) override {}
   void onWorkFinished(bool /*timedOut*/) override {}
   void setMaximumThreadCount(std::uint32_t count) override { limit = count; }
 };

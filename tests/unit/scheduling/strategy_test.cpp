@@ -1,11 +1,7 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
-
-#include "core/assertion.h"
 #include "scheduling/kovo_adaptive_strategy.h"
 #include "scheduling/kovo_fixed_threads_strategy.h"
-#include "scheduling/monitor_record.h"
 #include "support/manual_clock.h"
 #include "unit/scheduling/fake_stats_aggregator.h"
 
@@ -50,44 +46,6 @@ TEST_F(StrategyTest, FixedFollowsTheLimitUnlessItHasBackedOff) {
   EXPECT_EQ(strategy.getMaximumThreadCount(), 12U);
   strategy.setMaximumThreadCount(8);
   EXPECT_EQ(strategy.getTargetThreadCount(), 8U);
-}
-
-TEST_F(StrategyTest, MonitorRecordsAreDueOncePerIntervalAndLaidOutAsPromised) {
-  stats.upload = 100;
-  stats.download = 23;
-  KOVOFixedThreadsStrategy fixed(settings, stats, clock);
-  EXPECT_EQ(fixed.getMonitorKind(), kMonitorKindFixed);
-  clock.advance(1999);
-  EXPECT_EQ(fixed.getMonitorKind(), kMonitorKindNone);
-  clock.advance(1);
-  EXPECT_EQ(fixed.getMonitorKind(), kMonitorKindFixed);
-  std::uint64_t words[7] = {};
-  fixed.fillMonitorRecord(words, 48);
-  EXPECT_EQ(words[0], 123U);
-  EXPECT_EQ(words[1], 100U);
-  EXPECT_EQ(words[2], 23U);
-  EXPECT_EQ(words[4] & 0xFFFFFFFF, 16U);
-
-  KOVOAdaptiveStrategy adaptive(settings, stats, clock);
-  EXPECT_EQ(adaptive.getMonitorKind(), kMonitorKindAdaptive);
-  adaptive.setState(KOVO_ADAPTIVE_DECISION_DECREASE, 0, 3, {}, 0, 9);
-  adaptive.fillMonitorRecord(words, 56);
-  EXPECT_EQ(words[0], 123U);
-  EXPECT_EQ(words[4], 9U);
-  EXPECT_EQ(words[5], 0U);
-  EXPECT_EQ(words[6], 0xFFFFFFFF00000003U);
-
-  setAssertionHandler([](const char*, const char*, int) {});
-  std::memset(words, 0, sizeof(words));
-  adaptive.fillMonitorRecord(words, 48);
-  fixed.fillMonitorRecord(words, 56);
-  fixed.fillMonitorRecord(nullptr, 48);
-  setAssertionHandler(nullptr);
-  EXPECT_EQ(words[0], 0U) << "a record of the wrong size is not touched";
-
-  settings.progressInterval = 0;
-  EXPECT_EQ(fixed.getMonitorKind(), kMonitorKindNone);
-  EXPECT_EQ(adaptive.getMonitorKind(), kMonitorKindNone);
 }
 
 class AdaptiveTest : public StrategyTest {

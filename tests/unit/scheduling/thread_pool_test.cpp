@@ -1,15 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <mutex>
 
-#include "log/deferred_log.h"
-#include "scheduling/control_thread.h"
 #include "scheduling/thread_pool_impl.h"
 #include "scheduling/work_scheduler.h"
 #include "support/gate.h"
-#include "support/log_capture.h"
-#include "unit/scheduling/fake_provider.h"
 
 namespace kovo {
 namespace {
@@ -83,54 +78,6 @@ TEST(ThreadPoolTest, AnExceptionEndsOnlyItsRun) {
   pool.startWorker();
   pool.startWorker();
   EXPECT_TRUE(second.waitFor(20s));
-}
-
-TEST(ControlThreadTest, AttendsInOrderAndTicksWhileAsked) {
-  const std::vector<std::shared_ptr<WorkProvider>> given = {std::make_shared<test::FakeProvider>(),
-                                                            std::make_shared<test::FakeProvider>()};
-  std::mutex mutex;
-  std::vector<std::shared_ptr<WorkProvider>> seen;
-  Gate all;
-  Gate ticked;
-  ControlThread control(
-      [&](const std::shared_ptr<WorkProvider>& provider) {
-        const std::lock_guard guard(mutex);
-        seen.push_back(provider);
-        if (seen.size() == 2) {
-          all.open();
-        }
-      },
-      [&] {
-        ticked.open();
-        return false;
-      });
-  control.keepTicking();
-  control.attend(given[0]);
-  control.attend(given[1]);
-  ASSERT_TRUE(all.waitFor(20s));
-  EXPECT_TRUE(ticked.waitFor(20s));
-  control.stop();
-  EXPECT_EQ(seen, given);
-  control.attend(given[0]);  // no longer kept
-  seen.clear();
-  EXPECT_EQ(given[0].use_count(), 1);
-}
-
-TEST(DeferredLogTest, EmitsInOrderWhenTheOutermostScopeEnds) {
-  const test::LogCapture log(KOVO_LOG_INFO);
-  {
-    const DeferredLog outer;
-    {
-      const DeferredLog inner;
-      KOVO_LOG(KOVO_LOG_INFO, "function", "number %d", 1);
-    }
-    KOVO_LOG(KOVO_LOG_INFO, "function", "number %d", 2);
-    KOVO_LOG(KOVO_LOG_TRACE, "function", "not wanted");
-    EXPECT_TRUE(log.messages().empty());
-  }
-  EXPECT_EQ(log.messages(), (std::vector<std::string>{"number 1", "number 2"}));
-  KOVO_LOG(KOVO_LOG_INFO, "function", "number 3");
-  EXPECT_EQ(log.messages().size(), 3U);
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <deque>
 #include <functional>
 #include <vector>
 
@@ -180,22 +179,6 @@ TEST_F(ChunkedTransferTest, FitsTheRangeToTheSize) {
   EXPECT_EQ(fitted(0, INT64_MAX), 1000);
 }
 
-TEST_F(ChunkedTransferTest, RunsChunksSideBySideAndCompletesOnce) {
-  PlainChunks transfer(engine);
-  giveBack(transfer, take(transfer));
-  ASSERT_EQ(transfer.getAvailableWorkCount(), 3U);
-  Work* first = take(transfer);
-  Work* second = take(transfer);
-  Work* third = take(transfer);
-  EXPECT_EQ(transfer.getNextWork(), nullptr);
-  EXPECT_FALSE(giveBack(transfer, second));
-  EXPECT_FALSE(giveBack(transfer, first));
-  EXPECT_TRUE(giveBack(transfer, third));
-  EXPECT_EQ(finals.completed, 1);
-  EXPECT_EQ(transfer.getAvailableWorkCount(), 0U);
-  EXPECT_EQ(transfer.cancel(false), KOVO_ERROR_NOT_CANCELLABLE);
-}
-
 TEST_F(ChunkedTransferTest, TheFirstErrorEndsItOnceTheLastChunkIsBack) {
   PlainChunks transfer(engine);
   giveBack(transfer, take(transfer));
@@ -239,23 +222,6 @@ TEST_F(ChunkedTransferTest, ACancelIsNeverAcceptedForACompletedTransfer) {
   EXPECT_EQ(accepted, KOVO_ERROR_NONE);
   EXPECT_EQ(finals.cancelled, 1);
   EXPECT_EQ(finals.completed, 0);
-}
-
-TEST_F(ChunkedTransferTest, APauseDrainsKeepsItsPlaceAndGoesOn) {
-  PlainChunks transfer(engine);
-  giveBack(transfer, take(transfer));
-  Work* work = take(transfer);
-  EXPECT_TRUE(transfer.pause(false));
-  EXPECT_FALSE(transfer.pause(false));
-  EXPECT_EQ(transfer.getNextWork(), nullptr);
-  EXPECT_TRUE(giveBack(transfer, work));
-  EXPECT_EQ(finals.paused, 1);
-  transfer.clearPausing();
-  EXPECT_EQ(transfer.getAvailableWorkCount(), 2U);
-  while (Work* next = take(transfer)) {
-    giveBack(transfer, next);
-  }
-  EXPECT_EQ(finals.completed, 1);
 }
 
 TEST_F(ChunkedTransferTest, AClientsPauseOutlastsTheTransfersOwn) {

@@ -1,9 +1,8 @@
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
-#include <openssl/hmac.h>
 
 #include <string>
 
+#include "platform/kovo_utils.h"
 #include "upload/aws_signature.h"
 #include "upload/s3_endpoint.h"
 
@@ -14,16 +13,6 @@ class S3Endpoint : public testing::Test {
  protected:
   ~S3Endpoint() override { setS3Endpoint(nullptr); }
 };
-
-std::string opensslSignature(const std::string& key, const std::string& text) {
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned int size = 0;
-  HMAC(EVP_sha1(), key.data(), static_cast<int>(key.size()),
-       reinterpret_cast<const unsigned char*>(text.data()), text.size(), digest, &size);
-  unsigned char encoded[64];
-  const int length = EVP_EncodeBlock(encoded, digest, static_cast<int>(size));
-  return {encoded, encoded + length};
-}
 
 TEST(AwsSignature, IsThePublishedOneOfTheProvidersExample) {
   // The worked PUT example of the provider's signature version 2 documentation.
@@ -45,7 +34,7 @@ TEST(AwsSignature, CoversTheSessionTokenAndTheQuery) {
       "PUT\n\napplication/octet-stream\nWed, 18 Nov 2026 10:05:07 GMT\n"
       "x-amz-security-token:TOKEN//+=\n/bucket/a%20key?partNumber=2&uploadId=u";
   EXPECT_EQ(awsStringToSign(request), text);
-  EXPECT_EQ(awsSignature(request, "secret"), opensslSignature("secret", text));
+  EXPECT_EQ(awsSignature(request, "secret"), base64Encode(hmacSha1("secret", text)));
 
   request.verb = KOVO_HTTP_DELETE;
   EXPECT_EQ(awsStringToSign(request), "");

@@ -4,13 +4,9 @@
 #include <string>
 #include <vector>
 
-#include "body/null_source.h"
 #include "body/string_source.h"
-#include "core/assertion.h"
 #include "support/log_capture.h"
 #include "upload/amazon_s3_source_factory.h"
-#include "upload/mime_source_factories.h"
-#include "upload/no_mime_source_factory.h"
 #include "upload/sync_service_source_factory.h"
 #include "upload/upload_threshold.h"
 
@@ -36,51 +32,6 @@ std::string readAll(DataSource& source) {
 std::unique_ptr<DataSource> text(const std::string& bytes) {
   return std::make_unique<StringSource>(bytes, "text/plain");
 }
-
-// --- Plain --------------------------------------------------------------------------------------
-
-TEST(PlainUpload, IsTheIdentityProtocol) {
-  for (const std::uint32_t serverType : {0U, 3U, 99U}) {
-    const auto factory = createMimeSourceFactory(serverType, nullptr, "f", true, 0);
-    EXPECT_FALSE(factory->isChunkingSupported(true));
-    EXPECT_FALSE(factory->isInitialisationNeeded(true));
-    EXPECT_FALSE(factory->isFinalisationNeeded());
-    EXPECT_EQ(factory->getChunkUrl("u", MimeSourceFactory::kNoPart, true), "u");
-    EXPECT_EQ(readAll(*factory->createChunkSource("f", text("body"))), "body");
-  }
-}
-
-#ifndef NDEBUG
-std::vector<std::string>& assertions() {
-  static std::vector<std::string> messages;
-  return messages;
-}
-
-TEST(PlainUpload, ReportsQuestionsItCannotBeAsked) {
-  assertions().clear();
-  setAssertionHandler(
-      [](const char* message, const char*, int) { assertions().emplace_back(message); });
-  const NoMimeSourceFactory factory;
-  EXPECT_EQ(factory.getInitialisationUrl("u"), "u");
-  EXPECT_EQ(factory.getFinalisationUrl("u"), "u");
-  EXPECT_EQ(factory.getInitialisationMethod(), KOVO_HTTP_HEAD);
-  EXPECT_EQ(factory.getFinalisationMethod(), KOVO_HTTP_GET);
-  EXPECT_FALSE(factory.initialisationWillCompleteTransfer());
-  setAssertionHandler(nullptr);
-  EXPECT_THAT(
-      assertions(),
-      ElementsAre("false && \"getInitialisationUrl() called when isInitialisationNeeded() returns "
-                  "false\"",
-                  "false && \"getFinalisationUrl() called when isFinalisationNeeded() returns "
-                  "false\"",
-                  "false && \"getInitialisationMethod() called when isInitialisationNeeded() "
-                  "returns false\"",
-                  "false && \"getFinalisationMethod() called when isFinalisationNeeded() returns "
-                  "false\"",
-                  "false && \"initialisationWillCompleteTransfer() called when "
-                  "isInitialisationNeeded() returns false\""));
-}
-#endif
 
 // --- S3 -----------------------------------------------------------------------------------------
 
@@ -193,15 +144,6 @@ class SyncUpload : public testing::Test {
   bool _finishNow = false;
 };
 
-TEST_F(SyncUpload, SendsASmallBodyWhole) {
-  EXPECT_EQ(readAll(*_factory.createInitialisationSource(text("12345678"))), "12345678");
-  EXPECT_TRUE(_factory.initialisationWillCompleteTransfer());
-  EXPECT_FALSE(_factory.isFinalisationNeeded());
-  EXPECT_THAT(headers(KOVO_CHUNK_TYPE_INIT), IsEmpty());
-  EXPECT_TRUE(_factory.processInitialisationResponse(201, "", _finishNow));
-  EXPECT_TRUE(_finishNow);
-}
-
 TEST_F(SyncUpload, AsksForAPlanForALargeBody) {
   EXPECT_EQ(readAll(*_factory.createInitialisationSource(text("aaaaaaaaa"))), "");
   EXPECT_FALSE(_factory.initialisationWillCompleteTransfer());
@@ -230,24 +172,6 @@ TEST_F(SyncUpload, PrefersAChecksumItWasGiven) {
   EXPECT_TRUE(_factory.setFileChecksum("given"));
   EXPECT_FALSE(_factory.isChecksumNeeded(9));
   EXPECT_EQ(headers(KOVO_CHUNK_TYPE_INIT).back(), Header("Content-MD5", "given"));
-}
-
-TEST_F(SyncUpload, GoesOnInPartsWhenTheWholeIsTooLarge) {
-  _factory.createInitialisationSource(text("12345678"));
-  EXPECT_EQ(_factory.filterHttpStatus(200), 200u);
-  EXPECT_EQ(_factory.filterHttpStatus(413), 202u);
-  EXPECT_TRUE(_factory.processInitialisationResponse(202, kPlan, _finishNow));
-  EXPECT_FALSE(_finishNow);
-  EXPECT_TRUE(_factory.isFinalisationNeeded());
-}
-
-TEST_F(SyncUpload, RefusesWhatIsNoPlan) {
-  const LogCapture log;
-  _factory.createInitialisationSource(text("aaaaaaaaa"));
-  EXPECT_FALSE(_factory.processInitialisationResponse(200, kPlan, _finishNow));
-  EXPECT_TRUE(_finishNow);
-  EXPECT_FALSE(_factory.processInitialisationResponse(202, "<html>", _finishNow));
-  EXPECT_TRUE(_finishNow);
 }
 
 TEST_F(SyncUpload, LearnsTheThresholdFromEngineAndServer) {
