@@ -184,8 +184,18 @@ std::unique_ptr<Work> ChunkedDownload::createWorkForInit() {
   if (_resuming) {
     KOVO_LOG(KOVO_LOG_INFO, "kovo::ChunkedDownload::createWorkForInit",
              "Create head request to get file details for filepath: %s", path.c_str());
-    return createRequest(*this, KOVO_HTTP_HEAD, getUrl(), OP_DOWNLOAD_FILE, std::string(), false,
-                         _callbackHandler);
+    // The file and its rows are looked at, and perhaps replaced, by the worker that asked, not
+    // under the locks held here or in headFinished.
+    _partialFile = PartialFile::NotJudged;
+    return std::make_unique<SteppedRequest>(
+        createRequest(*this, KOVO_HTTP_HEAD, getUrl(), OP_DOWNLOAD_FILE, std::string(), false,
+                      _callbackHandler),
+        nullptr, [this](Request& head) {
+          if (!isFailed(head) && !isCancelled()) {
+            _partialFile = judgePartialFile();
+          }
+          return KOVO_ERROR_NONE;
+        });
   }
   std::unique_ptr<Request> request;
   if (first.start != 0 || first.length != 0) {
@@ -338,13 +348,6 @@ std::uint32_t ChunkedDownload::getTransferHttpStatus() const {
   return status == 206 && !hasRange() ? 200 : status;
 }
 
-ChunkedTransfer::State ChunkedDownload::startAfresh() {
-  const bool isReady = recreateOutputFile();
-  _isFilePartiallyDownloaded = false;
-  _resuming = false;
-  return isReady ? init : failing;
-}
-
 ChunkedTransfer::State ChunkedDownload::transferInitFinished(Work& work) {
   const auto& request = dynamic_cast<const Request&>(work);
   const bool chunkingEnabled = isChunkingEnabled(false);
@@ -356,7 +359,7 @@ ChunkedTransfer::State ChunkedDownload::transferInitFinished(Work& work) {
            chunkingEnabled ? 1 : 0);
   const std::uint32_t status = _httpStatus;
   if (request.getVerb() == KOVO_HTTP_HEAD) {
-    return headFinished(resumabilityAllowed);
+    return headFinished();
   }
   if (request.deliveredWholeResource() && (status == 200 || status == 203)) {
     if (!resumabilityAllowed && chunkingEnabled && getResumeCache() == nullptr) {
@@ -437,30 +440,51 @@ ChunkedTransfer::State ChunkedDownload::initialRangeFinished(const Request& requ
   return hasRangesRemaining() ? transferring_chunks : finish();
 }
 
-ChunkedTransfer::State ChunkedDownload::headFinished(bool resumabilityAllowed) {
+ChunkedDownload::PartialFile ChunkedDownload::judgePartialFile() {
   const char* function = "kovo::ChunkedDownload::transferInitFinished";
   const std::string path = getFilePath();
+  const bool resumabilityAllowed = _engine.getSettings().tryResumableTransfer &&
+                                   isChunkingEnabled(false) && getResumeCache() != nullptr;
   if (!_totalKnown || !resumabilityAllowed) {
     KOVO_LOG(KOVO_LOG_INFO, function, "size changed for filepath: %s", path.c_str());
-    return startAfresh();
+    const bool isReady = recreateOutputFile();
+    _isFilePartiallyDownloaded = false;
+    _resuming = false;
+    return isReady ? PartialFile::Emptied : PartialFile::Lost;
   }
   if (_resuming && _chunksDownloadedFirstByte.count(0) != 0 && recordedChunksAreUsable()) {
     KOVO_LOG(KOVO_LOG_INFO, function,
              "First chunk already successfully downloaded for filepath: %s", path.c_str());
-    setNextOffset(getRange().start + static_cast<std::int64_t>(getChunkSize()));
-    _writtenEnd = std::min<std::uint64_t>(
-        *_chunksDownloadedFirstByte.rbegin() + effectiveChunkSize(), _totalSize);
-    reportPresent(getChunkSize());
-    createRanges(true);
-    return hasRangesRemaining() ? transferring_chunks : finish();
+    return PartialFile::Usable;
   }
   KOVO_LOG(KOVO_LOG_INFO, function, "First chunk not downloaded for filepath: %s", path.c_str());
   if (!recreateOutputFile()) {
-    return failing;
+    return PartialFile::Lost;
   }
   _resuming = false;
-  createRanges(false);
-  return transferring_chunks;
+  return PartialFile::Replaced;
+}
+
+ChunkedTransfer::State ChunkedDownload::headFinished() {
+  if (_partialFile == PartialFile::NotJudged) {
+    _partialFile = judgePartialFile();  // an answer that is neither a refusal nor of use
+  }
+  switch (_partialFile) {
+    case PartialFile::Emptied:
+      return init;
+    case PartialFile::Replaced:
+      createRanges(false);
+      return transferring_chunks;
+    case PartialFile::Usable:
+      setNextOffset(getRange().start + static_cast<std::int64_t>(getChunkSize()));
+      _writtenEnd = std::min<std::uint64_t>(
+          *_chunksDownloadedFirstByte.rbegin() + effectiveChunkSize(), _totalSize);
+      reportPresent(getChunkSize());
+      createRanges(true);
+      return hasRangesRemaining() ? transferring_chunks : finish();
+    default:
+      return failing;
+  }
 }
 
 // --- Bytes --------------------------------------------------------------------------------------

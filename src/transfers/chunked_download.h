@@ -72,7 +72,6 @@ class ChunkedDownload : public ChunkedTransfer {
   std::unique_ptr<Work> createRangedGet(const KovoNumberedRange& range);
   std::unique_ptr<Request> createGet(const KovoNumberedRange& range);
   bool recreateOutputFile();
-  State startAfresh();
   void forgetRecordedChunks();
   bool takesPartInResume() const;
   bool keepsPartialFile(Outcome outcome) const;
@@ -90,7 +89,16 @@ class ChunkedDownload : public ChunkedTransfer {
   void failChanged(const std::string& what);
 
   State initialRangeFinished(const Request& request);
-  State headFinished(bool resumabilityAllowed);
+  // What the answer to a resume's HEAD makes of the partial file.
+  enum class PartialFile {
+    NotJudged,
+    Usable,    // go on behind the first chunk
+    Replaced,  // by an empty one: every chunk is due
+    Emptied,   // the size is not known: begin with a GET
+    Lost       // it could not be replaced; the error is recorded
+  };
+  PartialFile judgePartialFile();
+  State headFinished();
   State initialFailed(const Request& request, std::uint32_t status);
   // What a finished range request has left undone is put back; false: bytes are missing for good.
   bool accountFor(const Request& request);
@@ -121,6 +129,8 @@ class ChunkedDownload : public ChunkedTransfer {
   // End of the highest byte in the output file; one thread at a time writes.
   std::atomic<std::uint64_t> _writtenEnd{0};
 
+  // Of the initial request, which runs alone, and of the state change after it.
+  PartialFile _partialFile = PartialFile::NotJudged;
   bool _wholeResourceDelivered = false;  // under _mainLock
   // The server has stopped honouring ranges while the first chunk runs: nothing more goes out until
   // that one has told whether it brings everything.
