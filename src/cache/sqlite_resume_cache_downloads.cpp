@@ -37,7 +37,10 @@ class SynchronousCommits : boost::noncopyable {
 int deleteRows(SqliteConnection& connection, const std::string& filePath) {
   SqliteTransaction transaction(connection);
   int result = transaction.begin();
+  // The second looks at every row: a damaged index may not know them all, and one that comes to
+  // light later would claim bytes that are gone.
   for (const char* sql : {"DELETE from DownloadChunkStatus where filePath = ?",
+                          "DELETE FROM DownloadChunkStatus NOT INDEXED WHERE filePath = ?",
                           "DELETE FROM DownloadGeometry WHERE filePath = ?"}) {
     if (result == SQLITE_DONE) {
       result = connection.prepare(sql).bind(1, filePath).step();

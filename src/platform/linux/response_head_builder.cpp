@@ -64,9 +64,18 @@ bool ResponseHeadBuilder::add(std::string_view line) {
   if (_complete) {
     return true;  // a trailer behind the body
   }
+  // What libcurl takes for the end, whatever else stands in the line. Taken for anything else, the
+  // next answer's headers would join this one's.
+  const bool isEnd = line.empty() || line.front() == '\r' || line.front() == '\n';
   if (!trimmed(line).empty()) {
+    if (isEnd) {
+      return reject("The response's headers are malformed");
+    }
     addHeader(line);
     return true;
+  }
+  if (!isEnd) {
+    return true;  // a folded line without a text
   }
   _isOpen = false;
   _complete = _head.status >= 200 || _head.status == 101;

@@ -41,6 +41,23 @@ class ResumeCacheDamage : public ::testing::Test {
   std::string file = directory.file("partial._kstmp");
 };
 
+TEST_F(ResumeCacheDamage, RowsThatTheIndexDoesNotKnowAreDeletedToo) {
+  const std::string index = "CREATE INDEX downloadPathIndex ON DownloadChunkStatus(filePath)";
+  const auto define = [&](const std::string& text) {
+    sql(database, "PRAGMA writable_schema = ON; UPDATE sqlite_master SET sql = '" + text +
+                      "' WHERE name = 'downloadPathIndex'");
+  };
+  fill();
+  define(index + " WHERE 0");
+  sql(database, "INSERT INTO DownloadChunkStatus(filePath, eTag, firstByte) VALUES ('" + file +
+                    "', 'tag', 900)");
+  define(index);
+  SqliteResumeCache(base()).deleteFromCacheDownload(file);
+  SqliteResumeCache cache(base());
+  EXPECT_EQ(firstBytes(cache).size(), 0u);
+  EXPECT_EQ(sql(database, "SELECT COUNT(*) FROM DownloadChunkStatus NOT INDEXED"), "0");
+}
+
 TEST_F(ResumeCacheDamage, ADatabaseOfThisVersionIsKeptAndAnyOtherIsEmptied) {
   fill();
   {
