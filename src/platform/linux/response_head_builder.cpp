@@ -112,8 +112,10 @@ void ResponseHeadBuilder::addHeader(std::string_view line) {
     return;
   }
   const std::size_t colon = line.find(':');
-  const std::string_view name = trimmed(line.substr(0, colon));
-  if (colon == std::string_view::npos || name.empty()) {
+  const std::string_view name = line.substr(0, colon);
+  // With a blank before its colon it is no header for libcurl: a length or an encoding in it would
+  // not be what the body is read by.
+  if (colon == std::string_view::npos || name.empty() || trimmed(name) != name) {
     return;
   }
   _head.headers.emplace_back(name, trimmed(line.substr(colon + 1)));
