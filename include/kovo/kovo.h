@@ -370,7 +370,9 @@ KOVO_API kovo_error kovoRegisterChunkErrorRetryCallback(kovo_instance instance,
 /** Without it uploads are plain. */
 KOVO_API kovo_error kovoRegisterSetServerTypeCallback(kovo_instance instance,
                                                       kovo_set_server_type_callback callback);
-/** Process-wide; always 0. Forgotten when the last engine is destroyed. */
+/** Process-wide; always 0. Forgotten when the last engine is destroyed. It does not wait: a message
+ * that another thread has under way still reaches the former callback, so keep that callback's
+ * context until the engines are gone. */
 KOVO_API kovo_error kovoRegisterLoggingCallback(kovo_logging_callback callback,
                                                 void* loggingContext);
 

@@ -612,20 +612,20 @@ TEST(Control, AResumeTakesBackAReportThatHasNotBeenMade) {
 /* It may wait for locks of the host's that other threads hold while they call the library. */
 TEST(Control, HoldsNoLockWhileTheLoggingCallbackRuns) {
   struct Log {
-    TestEngine* engine = nullptr;
+    kovo_instance instance = nullptr;
     std::atomic<uint32_t> calls{0};
     std::atomic<uint32_t> blocked{0};
     std::atomic<uint32_t> destroyed{0};
   } log;
   StalledTransfer transfer(Stage::kQueued);
-  log.engine = &transfer.engine();
+  log.instance = transfer.engine().instance();
   static thread_local bool isInside = false;
   kovoRegisterLoggingCallback(
       [](uint32_t, const char*, const char*, const char*, uint32_t, void* context) {
         Log& to = *static_cast<Log*>(context);
         if (std::exchange(isInside, true)) return;
         ++to.calls;
-        kovo_instance instance = to.engine->instance();
+        kovo_instance instance = to.instance;
         if (kovoDestroy(&instance) == KOVO_ERROR_NONE) ++to.destroyed;
         std::packaged_task<void()> call([instance] {
           isInside = true;

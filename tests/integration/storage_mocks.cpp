@@ -177,7 +177,7 @@ void StorageMock::answerS3(const OriginRequest& request, Responder& to) {
     expected += "</CompleteMultipartUpload>";
     const bool valid = request.body == expected;
     if (valid) {
-      _objects[request.path] = content;
+      _objects[request.path] = std::move(content);
       _uploads.erase(upload);
     }
     guard.unlock();
@@ -305,7 +305,7 @@ void StorageMock::answerSync(const OriginRequest& request, Responder& to) {
             request.header("Content-MD5") == md5Base64(content);
   }
   if (valid) {
-    _objects[upload.path] = content;
+    _objects[upload.path] = std::move(content);
   }
   guard.unlock();
   to.respond(valid ? 200 : 409, {}, valid ? "" : "segments do not match");

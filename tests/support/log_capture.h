@@ -8,7 +8,10 @@
 
 namespace kovo::test {
 
-/** Takes what is logged while it lives, at a level of its own. One at a time. */
+/**
+ * Takes what is logged while it lives, at a level of its own. One at a time. A message that another
+ * thread has under way when it goes is dropped.
+ */
 class LogCapture {
  public:
   struct Line {
@@ -19,17 +22,19 @@ class LogCapture {
 
   explicit LogCapture(std::uint32_t level = KOVO_LOG_WARN) : _formerLevel(getLogLevel()) {
     setLogLevel(level);
-    registerLoggingCallback(&LogCapture::take, this);
+    setCurrent(this);
+    registerLoggingCallback(&LogCapture::take, nullptr);
   }
   ~LogCapture() {
     registerLoggingCallback(nullptr, nullptr);
+    setCurrent(nullptr);
     setLogLevel(_formerLevel);
   }
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
   std::vector<Line> lines() const {
-    const std::lock_guard guard(_mutex);
+    const std::lock_guard guard(mutex);
     return _lines;
   }
   /** The messages alone. */
@@ -42,16 +47,20 @@ class LogCapture {
   }
 
  private:
+  static void setCurrent(LogCapture* capture) {
+    const std::lock_guard guard(mutex);
+    current = capture;
+  }
   static void take(std::uint32_t level, const char* message, const char* function, const char*,
-                   std::uint32_t, void* context) {
-    auto* self = static_cast<LogCapture*>(context);
-    const std::lock_guard guard(self->_mutex);
-    self->_lines.push_back({level, message, function});
+                   std::uint32_t, void*) {
+    const std::lock_guard guard(mutex);
+    if (current != nullptr) current->_lines.push_back({level, message, function});
   }
 
+  static inline std::mutex mutex;
+  static inline LogCapture* current = nullptr; /* guarded by mutex */
   const std::uint32_t _formerLevel;
-  mutable std::mutex _mutex;
-  std::vector<Line> _lines; /* guarded by _mutex */
+  std::vector<Line> _lines; /* guarded by mutex */
 };
 
 }  // namespace kovo::test
