@@ -16,7 +16,7 @@ import weakref
 import kovo
 import origin
 
-PATIENCE = 30
+PATIENCE = 60
 CHUNK = 65536
 
 

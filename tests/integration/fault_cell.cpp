@@ -31,6 +31,10 @@ constexpr uint64_t kUploadSize = 5 * 1024 * 1024 + 1000;
 /* A stall is over after this; nothing else may take that long, however slow the machine and the
  * sanitizer are. */
 constexpr uint32_t kStallSeconds = 3;
+/* A drip goes on for longer than its timeout. */
+constexpr uint32_t kDripSeconds = 5;
+constexpr uint64_t kDripRate = 10;
+constexpr uint64_t kDripBytes = 65;
 constexpr uint32_t kPatienceSeconds = 60;
 /* The client asks at most ten times more before it calls redirects endless. */
 constexpr int kRedirects = 11;
@@ -45,7 +49,8 @@ int strikesOf(const std::optional<Cell>& cell) {
 
 uint32_t timeoutOf(const std::optional<Cell>& cell) {
   if (!cell) return kPatienceSeconds;
-  return cell->fault == Fault::kStall ? kStallSeconds : kPatienceSeconds;
+  if (cell->fault == Fault::kStall) return kStallSeconds;
+  return cell->fault == Fault::kDrip ? kDripSeconds : kPatienceSeconds;
 }
 
 bool has(const std::string& text, const char* part) {
@@ -305,7 +310,7 @@ void FaultCell::disturb(Responder& to) const {
       if (_cell->phase == Phase::kLastByte) {
         to.stallFor(milliseconds(800));
       } else {
-        to.drip(60, 24);
+        to.drip(kDripBytes, kDripRate);
       }
       break;
     case Fault::kGarbage:

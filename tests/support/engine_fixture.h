@@ -37,7 +37,7 @@ struct TestEngineOptions {
 class TestEngine {
  public:
   using Milliseconds = std::chrono::milliseconds;
-  static constexpr Milliseconds kPatience{20000};
+  static constexpr Milliseconds kPatience{60000};
 
   explicit TestEngine(const TestEngineOptions& options = {});
   ~TestEngine();
