@@ -289,7 +289,10 @@ std::string HttpSession::describe(CURLcode code) const {
                               detail.find("://") != std::string::npos ||
                               detail.find('?') != std::string::npos;
   const std::string general(curl_easy_strerror(code));
-  return detail.empty() || mayTellSecrets ? general : general + ": " + detail;
+  if (detail.empty() || mayTellSecrets) {
+    return general;
+  }
+  return detail.find(general) == std::string::npos ? general + ": " + detail : detail;
 }
 
 bool HttpSession::holdsUnaskedBytes() const {
