@@ -363,7 +363,7 @@ TEST(InsideCallbacks, EveryFunctionMayBeCalled) {
       if (where != kBody && where != kProgress) {
         EXPECT_GT(calls, 0);
       }
-      EXPECT_LT(engine.destroy(), milliseconds(20000));
+      EXPECT_LT(engine.destroy(), milliseconds(5000));
     }
   }
 }
